@@ -1,0 +1,216 @@
+// The catalogue engine: albums (groups of volumes), volumes (a CD or a folder of
+// files, identified by a 32-bit record id), tracks, the artist dictionary, and
+// database properties. The library reads and writes the catalogue only through
+// this interface; SqliteCatalog (dischive/sqlite_catalog.h) is the embedded
+// implementation.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "dischive/database_error.h"
+#include "dischive/fields.h"
+#include "dischive/result.h"
+
+namespace dischive {
+
+/// A property value: text (UTF-8) or a 32-bit integer (flags, counts, packed
+/// dates, times).
+using PropertyValue = std::variant<std::string, int32_t>;
+
+/// Properties of one record by field id.
+class PropertySet {
+ public:
+  void Set(field::FieldId id, PropertyValue value) { values_[id] = std::move(value); }
+  void Remove(field::FieldId id) { values_.erase(id); }
+  bool Has(field::FieldId id) const { return values_.count(id) != 0; }
+  const PropertyValue* Find(field::FieldId id) const {
+    const auto it = values_.find(id);
+    return it == values_.end() ? nullptr : &it->second;
+  }
+  /// The text of a text property; "" when absent or an integer.
+  std::string Text(field::FieldId id) const {
+    const PropertyValue* v = Find(id);
+    return v != nullptr && std::holds_alternative<std::string>(*v) ? std::get<std::string>(*v)
+                                                                   : std::string();
+  }
+  /// The value of an integer property; `def` when absent or text.
+  int32_t Int(field::FieldId id, int32_t def = 0) const {
+    const PropertyValue* v = Find(id);
+    return v != nullptr && std::holds_alternative<int32_t>(*v) ? std::get<int32_t>(*v) : def;
+  }
+  const std::map<field::FieldId, PropertyValue>& values() const { return values_; }
+  bool empty() const { return values_.empty(); }
+  bool operator==(const PropertySet&) const = default;
+
+ private:
+  std::map<field::FieldId, PropertyValue> values_;
+};
+
+/// Frame count of a track whose length is unknown.
+inline constexpr uint32_t kUnknownFrames = 0xFFFFFFFF;
+
+struct TrackRecord {
+  uint32_t number = 0;  ///< 1-based position on the volume
+  uint32_t frames = 0;  ///< length in CD frames (1/75 s); kUnknownFrames when unknown
+  PropertySet properties;
+  bool operator==(const TrackRecord&) const = default;
+};
+
+struct VolumeRecord {
+  uint32_t record_id = 0;  ///< freedb disc id of a CD, scan id of a folder
+  std::string title;       ///< the volume's own title ("" for most)
+  uint32_t frames = 0;     ///< total length in CD frames
+  uint32_t created = 0;    ///< creation time, seconds since 1970 (0 unknown)
+  uint32_t played = 0;     ///< last-played time, seconds since 1970 (0 never)
+  PropertySet properties;  ///< volume-level fields (flags, scan stamp, ...)
+  std::vector<TrackRecord> tracks;
+  bool operator==(const VolumeRecord&) const = default;
+};
+
+struct Credit {
+  std::string name;
+  std::string role;
+  bool operator==(const Credit&) const = default;
+};
+
+struct LineupMember {
+  std::string name;
+  std::string role;
+  std::string period;
+  bool operator==(const LineupMember&) const = default;
+};
+
+/// The album's credit lists, in the order the collection document writes them.
+enum class CreditList { kMusicians, kGuestMusicians, kProduction, kCredits, kArtworkCredits };
+inline constexpr int kCreditListCount = 5;
+
+/// An album group: one or more volumes with album-level fields.
+struct AlbumRecord {
+  std::string id;                    ///< 16 upper-case hexadecimal digits; empty for a new album
+  uint32_t modified = 0;             ///< modification time, seconds since 1970
+  PropertySet properties;            ///< album fields (title, flags, dates, money, ...)
+  std::vector<std::string> artists;  ///< album artists, in order
+  bool various_artists = false;
+  std::vector<std::string> composers;
+  bool various_composers = false;
+  std::vector<Credit> credits[kCreditListCount];
+  std::vector<LineupMember> lineup;
+  std::vector<VolumeRecord> volumes;
+  bool operator==(const AlbumRecord&) const = default;
+};
+
+struct ArtistLink {
+  std::string name;
+  std::string description;
+  bool operator==(const ArtistLink&) const = default;
+};
+
+/// An entry of the artist dictionary.
+struct ArtistEntry {
+  std::string name;
+  bool is_band = false;  ///< false: a person
+  std::string sort_name;
+  std::vector<std::string> alt_names;
+  std::string country;
+  uint32_t date_formed = 0;     ///< packed date (dischive/date.h)
+  uint32_t date_disbanded = 0;  ///< packed date
+  std::vector<ArtistLink> links;
+  bool operator==(const ArtistEntry&) const = default;
+};
+
+/// How WriteAlbum treats an album that already exists.
+enum class WriteMode {
+  kReplace,  ///< the stored album becomes exactly the given one (properties,
+             ///< volumes and tracks not given are removed)
+  kMerge,    ///< given properties are set, others kept; volumes and tracks are
+             ///< matched by record id and number, missing ones kept
+};
+
+/// The keys of the ten user-editable value lists and their option texts.
+inline constexpr const char* kUserListKeys[] = {
+    "user_formats", "user_categories", "user_genres", "user_stati",      "user_locations",
+    "user_rsrc",    "user_rgen",       "user_rqual",  "user_conditions", "user_packagings"};
+
+class CatalogEngine {
+ public:
+  virtual ~CatalogEngine() = default;
+
+  /// The database file.
+  virtual const std::filesystem::path& path() const = 0;
+
+  // Albums ------------------------------------------------------------------
+
+  /// Number of album groups.
+  virtual size_t AlbumCount() = 0;
+  /// Visits every album in a stable order (by identifier), one at a time so
+  /// that memory does not grow with the catalogue; stops when `visit` returns
+  /// false. Returns 0 or a failure code.
+  virtual HResult ForEachAlbum(const std::function<bool(const AlbumRecord&)>& visit) = 0;
+  /// One album by identifier.
+  virtual std::optional<AlbumRecord> ReadAlbum(std::string_view album_id) = 0;
+  /// The identifier of the album that holds the volume with this record id.
+  virtual std::optional<std::string> FindAlbumOfVolume(uint32_t record_id) = 0;
+  /// One volume by its record id, with its tracks.
+  virtual std::optional<VolumeRecord> ReadVolume(uint32_t record_id) = 0;
+  /// Creates (empty id: a new random identifier is assigned and written back)
+  /// or updates an album with its volumes and tracks, in one transaction. The
+  /// modification time is set to now. Returns 0 or a failure code.
+  virtual HResult WriteAlbum(AlbumRecord& album, WriteMode mode) = 0;
+  /// Removes an album with its volumes, tracks and covers.
+  virtual HResult DeleteAlbum(std::string_view album_id) = 0;
+
+  // Single properties of a volume (index 0) or of its track n (index n) ---------
+
+  virtual std::optional<PropertyValue> GetVolumeProperty(uint32_t record_id, field::FieldId id,
+                                                         uint32_t index) = 0;
+  virtual HResult SetVolumeProperty(uint32_t record_id, field::FieldId id, uint32_t index,
+                                    const PropertyValue& value) = 0;
+
+  // Covers: the image bytes stored under a volume's "cover" stream ------------
+
+  virtual std::optional<std::string> ReadCover(uint32_t record_id) = 0;
+  /// Stores the bytes (empty bytes remove the cover).
+  virtual HResult WriteCover(uint32_t record_id, std::string_view bytes) = 0;
+
+  // Artist dictionary -------------------------------------------------------
+
+  virtual std::vector<ArtistEntry> Artists() = 0;
+  /// Modification time of the dictionary, seconds since 1970.
+  virtual uint32_t ArtistsModified() = 0;
+  /// Adds or replaces the entry with the same name.
+  virtual HResult WriteArtist(const ArtistEntry& artist) = 0;
+
+  // Database properties by group and key ("db_opts", "medialib") ----------------
+
+  virtual std::optional<std::string> GetDatabaseProperty(std::string_view group,
+                                                         std::string_view key) = 0;
+  virtual HResult SetDatabaseProperty(std::string_view group, std::string_view key,
+                                      std::string_view value) = 0;
+  virtual HResult RemoveDatabaseProperty(std::string_view group, std::string_view key) = 0;
+
+  /// The text of a user list ("\n"-separated entries): the stored one, else the
+  /// built-in default for the key.
+  virtual std::string UserList(std::string_view key) = 0;
+  /// Stores a user list and sets its timestamp ("db_opts", "t_" + key) to now.
+  virtual HResult SetUserList(std::string_view key, std::string_view text) = 0;
+  /// The list's timestamp, 0 when never set.
+  virtual uint32_t UserListTimestamp(std::string_view key) = 0;
+
+  // Consistent copies -------------------------------------------------------
+
+  /// Makes the file complete and consistent on disk (checkpoints the write-ahead
+  /// log) and holds off writers until ResumeWriting, so that the file can be
+  /// copied. Returns 0 or a failure code.
+  virtual HResult SuspendWriting() = 0;
+  virtual void ResumeWriting() = 0;
+};
+
+}  // namespace dischive
