@@ -1,0 +1,21 @@
+// Opening the catalogue for a command: --db PATH, else the default database.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "cli.h"
+#include "dischive/catalog.h"
+
+namespace dischive::cli {
+
+/// Adds the "--db PATH" option to a command.
+void AddDatabaseOption(CLI::App* command, std::string& db_path);
+
+/// Opens the catalogue named by --db (empty: the default database, created on
+/// first use under $XDG_DATA_HOME/dischive/). Throws CommandError with a clear
+/// message when it cannot be opened.
+std::unique_ptr<CatalogEngine> OpenCliCatalog(const Context& context, const std::string& db_path,
+                                              bool for_writing);
+
+}  // namespace dischive::cli
