@@ -18,7 +18,9 @@ TEST(CliTest, VersionHelpAndUsageErrors) {
   EXPECT_NE(r.out.find("config"), std::string::npos);
 
   r = RunCli({}, home.path());
-  EXPECT_NE(r.exit_code, 0);
+  EXPECT_EQ(r.exit_code, 2);
+  r = RunCli({"config", "list", "--no-such-option"}, home.path());
+  EXPECT_EQ(r.exit_code, 2);
 
   r = RunCli({"--set", "novalue", "config", "list"}, home.path());
   EXPECT_EQ(r.exit_code, 2);

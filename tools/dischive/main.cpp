@@ -75,7 +75,9 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e);
+    // --help and --version end here with 0; every usage error exits with 2.
+    const int code = app.exit(e);
+    return code == 0 ? 0 : dischive::cli::kExitUsage;
   }
   try {
     PrepareSettings(context);
