@@ -94,7 +94,7 @@ class XmlStreamWriter {
   /// The same for the inside of a CDATA section: "\r\n" collapsed to "\n" and
   /// "]]>" split across two sections.
   void PutCDataBody(std::string_view text);
-  void WriteStartTag(const XmlElementScope& scope, bool empty);
+  void WriteStartTag(std::string_view name, std::string_view attributes, bool empty);
   void WriteEndTag(std::string_view name);
   /// Writes the start tags of deferred scopes from the outermost one inwards,
   /// up to and including `scope`.

@@ -1,8 +1,8 @@
 // The collection document, written album by album through XmlStreamWriter.
-#include <fmt/format.h>
-
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <fstream>
 #include <system_error>
 
@@ -21,45 +21,86 @@ namespace f = field;
 // Cover hashes remembered by one writer before the memory is given back.
 constexpr size_t kMaxRememberedCovers = 65536;
 
-// A short formatted value kept on the stack (numbers, times, hex).
+// A short formatted value kept on the stack (numbers, times, hex); the
+// document formats millions of them, so this avoids both the heap and a
+// format-string parser.
 class Value {
  public:
-  template <typename... Args>
-  explicit Value(fmt::format_string<Args...> format, Args&&... args) {
-    const auto result =
-        fmt::format_to_n(data_.data(), data_.size(), format, std::forward<Args>(args)...);
-    size_ = std::min(result.size, data_.size());
-  }
   operator std::string_view() const { return {data_.data(), size_}; }
 
+  Value& Number(uint64_t value) {
+    size_ = static_cast<size_t>(
+        std::to_chars(data_.data() + size_, data_.data() + data_.size(), value).ptr - data_.data());
+    return *this;
+  }
+  Value& Signed(int64_t value) {
+    if (value < 0) {
+      Char('-');
+      return Number(static_cast<uint64_t>(0) - static_cast<uint64_t>(value));
+    }
+    return Number(static_cast<uint64_t>(value));
+  }
+  Value& TwoDigits(uint64_t value) {
+    Char(static_cast<char>('0' + value / 10 % 10));
+    return Char(static_cast<char>('0' + value % 10));
+  }
+  Value& Char(char c) {
+    data_[size_++] = c;
+    return *this;
+  }
+
  private:
-  std::array<char, 32> data_;
+  std::array<char, 40> data_;
   size_t size_ = 0;
 };
 
+// "%08X"
 Value Hex8(uint32_t value) {
-  return Value("{:08X}", value);
+  static constexpr char kDigits[] = "0123456789ABCDEF";
+  Value v;
+  for (int shift = 28; shift >= 0; shift -= 4)
+    v.Char(kDigits[(value >> shift) & 0xF]);
+  return v;
 }
+
 Value Decimal(int64_t value) {
-  return Value("{}", value);
+  return Value().Signed(value);
+}
+
+// "%02d" of a track number.
+Value TrackNumber(uint32_t number) {
+  return number < 10 ? Value().Char('0').Number(number) : Value().Number(number);
 }
 
 // Album and volume times: "m:ss" below an hour, else "h:mm:ss".
 Value LongTime(uint64_t frames) {
   const uint64_t seconds = frames / 75;
-  if (seconds < 3600) return Value("{}:{:02}", seconds / 60, seconds % 60);
-  return Value("{}:{:02}:{:02}", seconds / 3600, seconds / 60 % 60, seconds % 60);
+  if (seconds < 3600) return Value().Number(seconds / 60).Char(':').TwoDigits(seconds % 60);
+  return Value()
+      .Number(seconds / 3600)
+      .Char(':')
+      .TwoDigits(seconds / 60 % 60)
+      .Char(':')
+      .TwoDigits(seconds % 60);
 }
 
 // Track times are always "m:ss", however many minutes.
 Value TrackTime(uint32_t frames) {
   const uint32_t seconds = frames / 75;
-  return Value("{}:{:02}", seconds / 60, seconds % 60);
+  return Value().Number(seconds / 60).Char(':').TwoDigits(seconds % 60);
 }
 
-// Money is stored in hundredths.
+// Money is stored in hundredths: "%u.%02u".
 Value Money(uint32_t hundredths) {
-  return Value("{}.{:02}", hundredths / 100, hundredths % 100);
+  return Value().Number(hundredths / 100).Char('.').TwoDigits(hundredths % 100);
+}
+
+// The text of a text property without copying it; "" when absent or a number.
+std::string_view TextOf(const PropertySet& properties, f::FieldId id) {
+  const PropertyValue* value = properties.Find(id);
+  if (value == nullptr) return {};
+  const std::string* text = std::get_if<std::string>(value);
+  return text != nullptr ? std::string_view(*text) : std::string_view();
 }
 
 uint32_t Unsigned(const PropertySet& properties, f::FieldId id) {
@@ -111,17 +152,108 @@ bool IsBitrate(const NamedField& field) {
   return field.id == f::kBitrate;
 }
 
-constexpr const char* kTextNames[10] = {"Text1", "Text2", "Text3", "Text4", "Text5",
-                                        "Text6", "Text7", "Text8", "Text9", "Text10"};
-constexpr const char* kDateNames[5] = {"Date1", "Date2", "Date3", "Date4", "Date5"};
-constexpr const char* kMemoNames[5] = {"Memo1", "Memo2", "Memo3", "Memo4", "Memo5"};
+// Children of "Track", in writing order ("File" follows them).
+enum class Kind : uint8_t { kText, kCData, kDate, kNumber };
+struct TrackChild {
+  const char* name;
+  f::FieldId id;
+  Kind kind;
+};
+constexpr TrackChild kTrackChildren[] = {
+    {"Artist", f::kArtist, Kind::kText},
+    {"Composer", f::kComposer, Kind::kText},
+    {"Title", f::kTrackTitle, Kind::kText},
+    {"Comment", f::kComment, Kind::kCData},
+    {"FreeDBComment", f::kFreedbComment, Kind::kCData},
+    {"Keywords", f::kKeywords, Kind::kText},
+    {"ReviewCredit", f::kReviewCredit, Kind::kText},
+    {"Text1", f::kText[0], Kind::kText},
+    {"Text2", f::kText[1], Kind::kText},
+    {"Text3", f::kText[2], Kind::kText},
+    {"Text4", f::kText[3], Kind::kText},
+    {"Text5", f::kText[4], Kind::kText},
+    {"Text6", f::kText[5], Kind::kText},
+    {"Text7", f::kText[6], Kind::kText},
+    {"Text8", f::kText[7], Kind::kText},
+    {"Text9", f::kText[8], Kind::kText},
+    {"Text10", f::kText[9], Kind::kText},
+    {"Date1", f::kDate[0], Kind::kDate},
+    {"Date2", f::kDate[1], Kind::kDate},
+    {"Date3", f::kDate[2], Kind::kDate},
+    {"Date4", f::kDate[3], Kind::kDate},
+    {"Date5", f::kDate[4], Kind::kDate},
+    {"Memo1", f::kMemo[0], Kind::kCData},
+    {"Memo2", f::kMemo[1], Kind::kCData},
+    {"Memo3", f::kMemo[2], Kind::kCData},
+    {"Memo4", f::kMemo[3], Kind::kCData},
+    {"Memo5", f::kMemo[4], Kind::kCData},
+    {"RecDate", f::kRecDate, Kind::kDate},
+    {"RecSource", f::kRecSource, Kind::kText},
+    {"RecGeneration", f::kRecGeneration, Kind::kText},
+    {"RecQuality", f::kRecQuality, Kind::kText},
+    {"RecTour", f::kRecTour, Kind::kText},
+    {"RecCity", f::kRecCity, Kind::kText},
+    {"RecCountry", f::kRecCountry, Kind::kText},
+    {"RecVenue", f::kRecVenue, Kind::kText},
+    {"RecStudio", f::kRecStudio, Kind::kText},
+    {"SPARS", f::kSpars, Kind::kText},
+    {"Lyrics", f::kLyrics, Kind::kCData},
+    {"Rating", f::kRating, Kind::kNumber},
+};
 
-constexpr NamedField kRecordingTexts[] = {
-    {"RecSource", f::kRecSource},   {"RecGeneration", f::kRecGeneration},
-    {"RecQuality", f::kRecQuality}, {"RecTour", f::kRecTour},
-    {"RecCity", f::kRecCity},       {"RecCountry", f::kRecCountry},
-    {"RecVenue", f::kRecVenue},     {"RecStudio", f::kRecStudio},
-    {"SPARS", f::kSpars},
+// A track's fields by slot, found with one pass over its properties instead
+// of a map search per field (a track is asked for some 60 fields, and most
+// are absent). Slots: the flags of kTrackFlags, then BPM, file path and size,
+// then the children of kTrackChildren.
+constexpr size_t kBpmSlot = kTrackFlagCount;
+constexpr size_t kPathSlot = kBpmSlot + 1;
+constexpr size_t kSizeSlot = kBpmSlot + 2;
+constexpr size_t kFirstChildSlot = kBpmSlot + 3;
+constexpr size_t kTrackSlotCount = kFirstChildSlot + std::size(kTrackChildren);
+
+struct SlotOfField {
+  f::FieldId id;
+  uint8_t slot;
+};
+constexpr std::array<SlotOfField, kTrackSlotCount> kTrackSlots = [] {
+  std::array<SlotOfField, kTrackSlotCount> slots{};
+  for (size_t i = 0; i < kTrackFlagCount; ++i) {
+    slots[i] = {kTrackFlags[i].id, static_cast<uint8_t>(i)};
+  }
+  slots[kBpmSlot] = {f::kBpm, static_cast<uint8_t>(kBpmSlot)};
+  slots[kPathSlot] = {f::kFilePath, static_cast<uint8_t>(kPathSlot)};
+  slots[kSizeSlot] = {f::kFileSize, static_cast<uint8_t>(kSizeSlot)};
+  for (size_t i = 0; i < std::size(kTrackChildren); ++i) {
+    slots[kFirstChildSlot + i] = {kTrackChildren[i].id, static_cast<uint8_t>(kFirstChildSlot + i)};
+  }
+  std::sort(slots.begin(), slots.end(),
+            [](const SlotOfField& a, const SlotOfField& b) { return a.id < b.id; });
+  return slots;
+}();
+static_assert(kTrackSlotCount < 256);
+
+class TrackFields {
+ public:
+  explicit TrackFields(const PropertySet& properties) {
+    for (const auto& [id, value] : properties.values()) {
+      const auto it = std::lower_bound(
+          kTrackSlots.begin(), kTrackSlots.end(), id,
+          [](const SlotOfField& entry, f::FieldId wanted) { return entry.id < wanted; });
+      if (it != kTrackSlots.end() && it->id == id) slots_[it->slot] = &value;
+    }
+  }
+  int32_t Int(size_t slot) const {
+    const int32_t* value = slots_[slot] != nullptr ? std::get_if<int32_t>(slots_[slot]) : nullptr;
+    return value != nullptr ? *value : 0;
+  }
+  std::string_view Text(size_t slot) const {
+    const std::string* text =
+        slots_[slot] != nullptr ? std::get_if<std::string>(slots_[slot]) : nullptr;
+    return text != nullptr ? std::string_view(*text) : std::string_view();
+  }
+
+ private:
+  std::array<const PropertyValue*, kTrackSlotCount> slots_{};
 };
 
 constexpr const char* kCreditListNames[kCreditListCount] = {
@@ -171,10 +303,12 @@ class CollectionWriter::DocumentWriter {
   void Lineup(const AlbumRecord& album);
   void CreditLists(const AlbumRecord& album);
   void Volume(const VolumeRecord& volume);
-  void Track(const TrackRecord& track, const std::array<bool, kTrackFlagCount>& common);
+  void Track(const TrackRecord& track, const TrackFields& fields,
+             const std::array<bool, kTrackFlagCount>& common);
 
   CollectionWriter& owner_;
   XmlStreamWriter& xml_;
+  std::vector<TrackFields> track_fields_;  // of the volume being written, reused
 };
 
 void CollectionWriter::DocumentWriter::Album(const AlbumRecord& album) {
@@ -240,50 +374,50 @@ void CollectionWriter::DocumentWriter::AlbumFields(const AlbumRecord& album) {
   const PropertySet& p = album.properties;
   Names("Artists", "Artist", album.artists, album.various_artists);
   Names("Composers", "Composer", album.composers, album.various_composers);
-  xml_.WriteTextElement("Title", p.Text(f::kTitle));
-  Text("Year", p.Text(f::kYear));
-  const std::string genre = p.Text(f::kGenre), genre2 = p.Text(f::kGenre2);
+  xml_.WriteTextElement("Title", TextOf(p, f::kTitle));
+  Text("Year", TextOf(p, f::kYear));
+  const std::string_view genre = TextOf(p, f::kGenre), genre2 = TextOf(p, f::kGenre2);
   if (!genre.empty() || !genre2.empty()) {
     XmlElementScope genres(xml_, "Genres");
     genres.Open();
     Text("Genre", genre);
     Text("Genre", genre2);
   }
-  Text("Category", p.Text(f::kCategory));
-  Text("Format", p.Text(f::kFormat));
+  Text("Category", TextOf(p, f::kCategory));
+  Text("Format", TextOf(p, f::kFormat));
   if (const int32_t rating = p.Int(f::kRating); rating != 0) Text("Rating", Decimal(rating));
-  CData("Comment", p.Text(f::kComment));
-  CData("FreeDBComment", p.Text(f::kFreedbComment));
-  Text("RefNo", p.Text(f::kRefNo));
-  Text("UPC", p.Text(f::kUpc));
-  Text("ASIN", p.Text(f::kAsin));
+  CData("Comment", TextOf(p, f::kComment));
+  CData("FreeDBComment", TextOf(p, f::kFreedbComment));
+  Text("RefNo", TextOf(p, f::kRefNo));
+  Text("UPC", TextOf(p, f::kUpc));
+  Text("ASIN", TextOf(p, f::kAsin));
   Date("ReleaseDate", Unsigned(p, f::kReleaseDate));
-  Text("Label", p.Text(f::kLabel));
-  Text("CatalogNo", p.Text(f::kCatalogNo));
-  Text("Country", p.Text(f::kCountry));
-  Text("Company", p.Text(f::kCompany));
-  Text("ReissueLabel", p.Text(f::kReissueLabel));
+  Text("Label", TextOf(p, f::kLabel));
+  Text("CatalogNo", TextOf(p, f::kCatalogNo));
+  Text("Country", TextOf(p, f::kCountry));
+  Text("Company", TextOf(p, f::kCompany));
+  Text("ReissueLabel", TextOf(p, f::kReissueLabel));
   Date("ReissueDate", Unsigned(p, f::kReissueDate));
-  Text("Distributor", p.Text(f::kDistributor));
+  Text("Distributor", TextOf(p, f::kDistributor));
   if (const uint32_t price = Unsigned(p, f::kPrice); price != 0) Text("Price", Money(price));
   if (const uint32_t price = Unsigned(p, f::kOriginalPrice); price != 0) {
     Text("OriginalPrice", Money(price));
   }
-  Text("Store", p.Text(f::kStore));
-  Text("Location", p.Text(f::kLocation));
-  Text("Status", p.Text(f::kStatus));
-  Text("Borrower", p.Text(f::kBorrower));
+  Text("Store", TextOf(p, f::kStore));
+  Text("Location", TextOf(p, f::kLocation));
+  Text("Status", TextOf(p, f::kStatus));
+  Text("Borrower", TextOf(p, f::kBorrower));
   Date("CheckinDate", Unsigned(p, f::kCheckinDate));
   Date("CheckoutDate", Unsigned(p, f::kCheckoutDate));
-  Text("Packaging", p.Text(f::kPackaging));
-  Text("Condition", p.Text(f::kCondition));
+  Text("Packaging", TextOf(p, f::kPackaging));
+  Text("Condition", TextOf(p, f::kCondition));
 }
 
 void CollectionWriter::DocumentWriter::Artwork(const AlbumRecord& album) {
   const PropertySet& p = album.properties;
   XmlElementScope scope(xml_, "Artwork");
-  const std::string asin = p.Text(f::kAsin);
-  const std::string server = p.Text(f::kAmazonServer);
+  const std::string_view asin = TextOf(p, f::kAsin);
+  const std::string_view server = TextOf(p, f::kAmazonServer);
   size_t server_index = 0;  // 1-based; 0 = not a configured server
   if (!asin.empty() && !server.empty()) {
     const std::vector<std::string>& servers = owner_.options_.amazon_servers;
@@ -344,15 +478,19 @@ void CollectionWriter::DocumentWriter::Volume(const VolumeRecord& volume) {
 
   // "Common": the track flags (and bit rate) that every track has with the
   // same non-zero value; they are then left off the tracks.
+  std::vector<TrackFields>& fields = track_fields_;
+  fields.clear();
+  for (const TrackRecord& track : volume.tracks)
+    fields.emplace_back(track.properties);
   std::array<bool, kTrackFlagCount> common{};
   {
     XmlElementScope common_scope(xml_, "Common");
-    for (size_t i = 0; i < kTrackFlagCount && !volume.tracks.empty(); ++i) {
-      const int32_t first = volume.tracks.front().properties.Int(kTrackFlags[i].id);
+    for (size_t i = 0; i < kTrackFlagCount && !fields.empty(); ++i) {
+      const int32_t first = fields.front().Int(i);
       if (first == 0) continue;
       bool same = true;
-      for (const TrackRecord& track : volume.tracks) {
-        if (track.properties.Int(kTrackFlags[i].id) != first) {
+      for (const TrackFields& track : fields) {
+        if (track.Int(i) != first) {
           same = false;
           break;
         }
@@ -372,48 +510,47 @@ void CollectionWriter::DocumentWriter::Volume(const VolumeRecord& volume) {
 
   XmlElementScope tracks(xml_, "Tracks");
   tracks.Open();
-  for (const TrackRecord& track : volume.tracks)
-    Track(track, common);
+  for (size_t i = 0; i < volume.tracks.size(); ++i)
+    Track(volume.tracks[i], fields[i], common);
 }
 
-void CollectionWriter::DocumentWriter::Track(const TrackRecord& track,
+void CollectionWriter::DocumentWriter::Track(const TrackRecord& track, const TrackFields& fields,
                                              const std::array<bool, kTrackFlagCount>& common) {
-  const PropertySet& p = track.properties;
   XmlElementScope scope(xml_, "Track");
-  scope.Attribute("Number", Value("{:02}", track.number));
+  scope.Attribute("Number", TrackNumber(track.number));
   if (track.frames != 0 && track.frames != kUnknownFrames) {
     scope.Attribute("Frames", Decimal(track.frames)).Attribute("Time", TrackTime(track.frames));
   }
-  if (const int32_t bpm = p.Int(f::kBpm); bpm != 0) scope.Attribute("BPM", Decimal(bpm));
+  if (const int32_t bpm = fields.Int(kBpmSlot); bpm != 0) scope.Attribute("BPM", Decimal(bpm));
   for (size_t i = 0; i < kTrackFlagCount; ++i) {
-    const int32_t value = p.Int(kTrackFlags[i].id);
+    const int32_t value = fields.Int(i);
     if (common[i] || value == 0) continue;
     scope.Attribute(kTrackFlags[i].name,
                     IsBitrate(kTrackFlags[i]) ? std::string_view(Decimal(value)) : "1");
   }
   scope.Open();
 
-  Text("Artist", p.Text(f::kArtist));
-  Text("Composer", p.Text(f::kComposer));
-  Text("Title", p.Text(f::kTrackTitle));
-  CData("Comment", p.Text(f::kComment));
-  CData("FreeDBComment", p.Text(f::kFreedbComment));
-  Text("Keywords", p.Text(f::kKeywords));
-  Text("ReviewCredit", p.Text(f::kReviewCredit));
-  for (size_t i = 0; i < std::size(f::kText); ++i)
-    Text(kTextNames[i], p.Text(f::kText[i]));
-  for (size_t i = 0; i < std::size(f::kDate); ++i)
-    Date(kDateNames[i], Unsigned(p, f::kDate[i]));
-  for (size_t i = 0; i < std::size(f::kMemo); ++i)
-    CData(kMemoNames[i], p.Text(f::kMemo[i]));
-  Date("RecDate", Unsigned(p, f::kRecDate));
-  for (const NamedField& field : kRecordingTexts)
-    Text(field.name, p.Text(field.id));
-  CData("Lyrics", p.Text(f::kLyrics));
-  if (const int32_t rating = p.Int(f::kRating); rating != 0) Text("Rating", Decimal(rating));
-  if (const std::string path = p.Text(f::kFilePath); !path.empty()) {
+  for (size_t i = 0; i < std::size(kTrackChildren); ++i) {
+    const TrackChild& child = kTrackChildren[i];
+    const size_t slot = kFirstChildSlot + i;
+    switch (child.kind) {
+      case Kind::kText:
+        Text(child.name, fields.Text(slot));
+        break;
+      case Kind::kCData:
+        CData(child.name, fields.Text(slot));
+        break;
+      case Kind::kDate:
+        Date(child.name, static_cast<uint32_t>(fields.Int(slot)));
+        break;
+      case Kind::kNumber:
+        if (const int32_t value = fields.Int(slot); value != 0) Text(child.name, Decimal(value));
+        break;
+    }
+  }
+  if (const std::string_view path = fields.Text(kPathSlot); !path.empty()) {
     XmlElementScope file(xml_, "File");
-    if (const uint32_t size = Unsigned(p, f::kFileSize); size != 0) {
+    if (const auto size = static_cast<uint32_t>(fields.Int(kSizeSlot)); size != 0) {
       file.Attribute("Size", Decimal(size));
     }
     file.Open();

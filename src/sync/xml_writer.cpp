@@ -30,6 +30,19 @@ constexpr std::array<ByteClass, 128> MakeByteClasses() {
 }
 constexpr std::array<ByteClass, 128> kByteClasses = MakeByteClasses();
 
+// Bytes that element text and attribute values cannot take over as they are:
+// controls other than tab, CR and LF, the markup characters, and every byte of
+// a multi-byte sequence (which is checked before it is copied).
+constexpr std::array<bool, 256> MakeTextStops() {
+  std::array<bool, 256> stops{};
+  for (int c = 0; c < 256; ++c) {
+    stops[c] = c >= 0x80 || (c < 0x80 && kByteClasses[c] == kDrop) || c == '&' || c == '<' ||
+               c == '>' || c == '"';
+  }
+  return stops;
+}
+constexpr std::array<bool, 256> kTextStops = MakeTextStops();
+
 }  // namespace
 
 bool OstreamXmlOutput::Write(const char* data, size_t size) {
@@ -77,14 +90,13 @@ void XmlStreamWriter::AppendEscaped(std::string& out, std::string_view text) {
   size_t run = 0;  // start of the bytes not yet copied
   size_t pos = 0;
   const size_t size = text.size();
-  while (pos < size) {
-    const auto byte = static_cast<unsigned char>(text[pos]);
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+  while (true) {
+    while (pos < size && !kTextStops[bytes[pos]])
+      ++pos;
+    if (pos >= size) break;
+    const unsigned char byte = bytes[pos];
     if (byte < 0x80) {
-      const ByteClass cls = kByteClasses[byte];
-      if (cls == kCopy || byte == ']' || byte == '\r') {
-        ++pos;
-        continue;
-      }
       out.append(text.data() + run, pos - run);
       ++pos;
       run = pos;
@@ -147,7 +159,8 @@ void XmlStreamWriter::PutCDataBody(std::string_view text) {
   }
 }
 
-void XmlStreamWriter::WriteStartTag(const XmlElementScope& scope, bool empty) {
+void XmlStreamWriter::WriteStartTag(std::string_view name, std::string_view attributes,
+                                    bool empty) {
   if (state_ == State::kStartTag) {
     indent_.push_back('\t');
     PutNewlineIndent();
@@ -155,8 +168,8 @@ void XmlStreamWriter::WriteStartTag(const XmlElementScope& scope, bool empty) {
     PutNewlineIndent();
   }
   PutChar('<');
-  buffer_.append(scope.name_);
-  buffer_.append(scope.attributes_);
+  buffer_.append(name);
+  buffer_.append(attributes);
   if (empty) {
     // "<name/>" is its own end tag: the next tag is a sibling.
     buffer_.append("/>");
@@ -183,7 +196,7 @@ void XmlStreamWriter::WriteEndTag(std::string_view name) {
 void XmlStreamWriter::ForceOut(XmlElementScope* scope) {
   if (scope == nullptr || !scope->deferred_) return;
   ForceOut(scope->parent_);
-  WriteStartTag(*scope, false);
+  WriteStartTag(scope->name_, scope->attributes_, false);
   scope->deferred_ = false;
 }
 
@@ -205,15 +218,18 @@ void XmlStreamWriter::WriteCData(std::string_view text) {
 }
 
 void XmlStreamWriter::WriteTextElement(std::string_view name, std::string_view text) {
-  XmlElementScope scope(*this, name);
-  scope.Open();
-  WriteText(text);
+  ForceOut(innermost_);
+  WriteStartTag(name, {}, false);
+  AppendEscaped(buffer_, text);
+  state_ = State::kText;
+  WriteEndTag(name);
 }
 
 void XmlStreamWriter::WriteCDataElement(std::string_view name, std::string_view text) {
-  XmlElementScope scope(*this, name);
-  scope.Open();
+  ForceOut(innermost_);
+  WriteStartTag(name, {}, false);
   WriteCData(text);
+  WriteEndTag(name);
 }
 
 std::string& XmlStreamWriter::AttributeBuffer(size_t depth) {
@@ -262,7 +278,7 @@ void XmlElementScope::Close() {
   if (deferred_) {
     if (has_attributes()) {
       writer_.ForceOut(parent_);
-      writer_.WriteStartTag(*this, true);
+      writer_.WriteStartTag(name_, attributes_, true);
     }
     deferred_ = false;
   } else {
