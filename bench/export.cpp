@@ -63,7 +63,7 @@ class GeneratedCatalog : public CatalogEngine {
       track.properties.Set(f::kComposer, std::string("J. S. Bach"));
       track.properties.Set(
           f::kFilePath, fmt::format("/home/user/Music/Bach/Mass in B minor/{:02} - Part.flac", t));
-      track.properties.Set(f::kFileSize, 30000000 + t);
+      track.properties.Set(f::kFileSize, std::to_string(30000000 + t));
       v.tracks.push_back(std::move(track));
     }
     a.volumes = {std::move(v)};
@@ -115,8 +115,14 @@ class GeneratedCatalog : public CatalogEngine {
   std::string UserList(std::string_view) override { return "CD\nLP\nMC\n"; }
   HResult SetUserList(std::string_view, std::string_view) override { return kFail; }
   uint32_t UserListTimestamp(std::string_view) override { return 0x60000000; }
+  HResult RemoveVolumeProperty(uint32_t, f::FieldId, uint32_t) override { return kFail; }
+  HResult RemoveArtist(std::string_view) override { return kFail; }
+  std::vector<std::pair<std::string, std::string>> DatabaseProperties(std::string_view) override {
+    return {};
+  }
   HResult SuspendWriting() override { return kOk; }
   void ResumeWriting() override {}
+  std::string LastErrorText() const override { return {}; }
 
  private:
   size_t count_;
@@ -269,7 +275,7 @@ void WriteAlbumWithLibXml2(LibXml2Document& doc, const AlbumRecord& a) {
     doc.Text("Composer", tp.Text(f::kComposer));
     doc.Text("Title", tp.Text(f::kTrackTitle));
     doc.Start("File");
-    doc.Attribute("Size", fmt::format("{}", tp.Int(f::kFileSize)));
+    doc.Attribute("Size", tp.Text(f::kFileSize));
     doc.Text("Path", tp.Text(f::kFilePath));
     doc.End();
     doc.End();

@@ -118,28 +118,3 @@ inline constexpr FieldId kDate[5] = {0xDA7E0001, 0xDA7E0002, 0xDA7E0003, 0xDA7E0
 inline constexpr FieldId kMemo[5] = {0x3E3A0001, 0x3E3A0002, 0x3E3A0003, 0x3E3A0004, 0x3E3A0005};
 
 }  // namespace dischive::field
-
-// Fields of the collection document that the blocks above do not name. Values
-// are fixed: they are stored in catalogue files.
-namespace dischive::field {
-
-// Album.
-inline constexpr FieldId kFormat = 0xD15C1001;          ///< format text (one of "user_formats")
-inline constexpr FieldId kBookletPages = 0xD15C1002;    ///< number of booklet pages
-inline constexpr FieldId kAmazonServer = 0xD15C1003;    ///< Amazon server the ASIN belongs to
-inline constexpr FieldId kClassicalStore = 0xD15C1004;  ///< 1: the ASIN is from the classical store
-
-// Track (kRating, kArtist, kComment and kFreedbComment serve tracks too).
-inline constexpr FieldId kComposer = 0xD15C2001;  ///< track composer
-inline constexpr FieldId kBpm = 0xD15C2002;       ///< beats per minute
-inline constexpr FieldId kFilePath = 0xD15C2003;  ///< the music file's location
-inline constexpr FieldId kFileSize = 0xD15C2004;  ///< the music file's size in bytes (unsigned)
-/// User-defined texts "Text1" to "Text10".
-inline constexpr FieldId kText[10] = {0xD15C2101, 0xD15C2102, 0xD15C2103, 0xD15C2104, 0xD15C2105,
-                                      0xD15C2106, 0xD15C2107, 0xD15C2108, 0xD15C2109, 0xD15C210A};
-/// User-defined packed dates "Date1" to "Date5".
-inline constexpr FieldId kDate[5] = {0xD15C2201, 0xD15C2202, 0xD15C2203, 0xD15C2204, 0xD15C2205};
-/// User-defined memos "Memo1" to "Memo5".
-inline constexpr FieldId kMemo[5] = {0xD15C2301, 0xD15C2302, 0xD15C2303, 0xD15C2304, 0xD15C2305};
-
-}  // namespace dischive::field

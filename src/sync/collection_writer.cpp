@@ -103,6 +103,20 @@ std::string_view TextOf(const PropertySet& properties, f::FieldId id) {
   return text != nullptr ? std::string_view(*text) : std::string_view();
 }
 
+// A file size: stored as decimal text (sizes pass 2 GiB), or as a number from
+// older records; "" when absent, zero or not a number.
+Value FileSize(const PropertyValue* value) {
+  if (value == nullptr) return Value();
+  if (const int32_t* number = std::get_if<int32_t>(value)) {
+    return *number != 0 ? Value().Number(static_cast<uint32_t>(*number)) : Value();
+  }
+  const std::string& text = std::get<std::string>(*value);
+  uint64_t size = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), size);
+  if (error != std::errc() || end != text.data() + text.size() || size == 0) return Value();
+  return Value().Number(size);
+}
+
 uint32_t Unsigned(const PropertySet& properties, f::FieldId id) {
   return static_cast<uint32_t>(properties.Int(id));
 }
@@ -198,7 +212,7 @@ constexpr TrackChild kTrackChildren[] = {
     {"RecStudio", f::kRecStudio, Kind::kText},
     {"SPARS", f::kSpars, Kind::kText},
     {"Lyrics", f::kLyrics, Kind::kCData},
-    {"Rating", f::kRating, Kind::kNumber},
+    {"Rating", f::kTrackRating, Kind::kNumber},
 };
 
 // A track's fields by slot, found with one pass over its properties instead
@@ -242,6 +256,7 @@ class TrackFields {
       if (it != kTrackSlots.end() && it->id == id) slots_[it->slot] = &value;
     }
   }
+  const PropertyValue* Raw(size_t slot) const { return slots_[slot]; }
   int32_t Int(size_t slot) const {
     const int32_t* value = slots_[slot] != nullptr ? std::get_if<int32_t>(slots_[slot]) : nullptr;
     return value != nullptr ? *value : 0;
@@ -427,7 +442,7 @@ void CollectionWriter::DocumentWriter::Artwork(const AlbumRecord& album) {
   }
   if (server_index != 0) {
     scope.Attribute("Server", Decimal(static_cast<int64_t>(server_index))).Attribute("ASIN", asin);
-    if (p.Int(f::kClassicalStore) != 0) scope.Attribute("Classical", "1");
+    if (p.Int(f::kAmazonClassical) != 0) scope.Attribute("Classical", "1");
   } else {
     const std::string hash = owner_.CoverHashFor(album);
     if (!hash.empty()) ++owner_.stats_.covers;
@@ -550,9 +565,7 @@ void CollectionWriter::DocumentWriter::Track(const TrackRecord& track, const Tra
   }
   if (const std::string_view path = fields.Text(kPathSlot); !path.empty()) {
     XmlElementScope file(xml_, "File");
-    if (const auto size = static_cast<uint32_t>(fields.Int(kSizeSlot)); size != 0) {
-      file.Attribute("Size", Decimal(size));
-    }
+    file.Attribute("Size", FileSize(fields.Raw(kSizeSlot)));
     file.Open();
     xml_.WriteTextElement("Path", path);
   }

@@ -5,20 +5,55 @@
 #include <libxml/tree.h>
 #include <turbojpeg.h>
 
+#include <fmt/format.h>
+
 #include <cerrno>
+#include <map>
 #include <vector>
 
 #include "dischive/cover.h"
 #include "dischive/date.h"
 #include "dischive/errors.h"
-#include "memory_catalog.h"
+#include "dischive/sqlite_catalog.h"
 #include "support/temp_dir.h"
 
 namespace dischive {
 namespace {
 
 namespace f = field;
-using test::MemoryCatalog;
+
+// A real catalogue file in a temporary folder.
+struct Catalogue {
+  Catalogue() {
+    engine = OpenSqliteCatalog(dir / "test.dab", CatalogOpenMode::kCreate);
+    EXPECT_NE(engine, nullptr);
+  }
+  void Add(AlbumRecord album) { ASSERT_EQ(engine->WriteAlbum(album, WriteMode::kReplace), kOk); }
+  // Stores a user list with a fixed timestamp (0: none).
+  void SetList(std::string_view key, std::string_view text, uint32_t time) {
+    ASSERT_EQ(engine->SetUserList(key, text), kOk);
+    ASSERT_EQ(engine->SetDatabaseProperty("db_opts", "t_" + std::string(key), std::to_string(time)),
+              kOk);
+  }
+  std::string Modified(std::string_view album_id) {
+    std::optional<AlbumRecord> album = engine->ReadAlbum(album_id);
+    return album ? fmt::format("{:08X}", album->modified) : "?";
+  }
+
+  test::TempDir dir;
+  std::unique_ptr<CatalogEngine> engine;
+};
+
+// Replaces every "{name}" in the text.
+std::string Substitute(std::string text, const std::map<std::string, std::string>& values) {
+  for (const auto& [name, value] : values) {
+    const std::string key = "{" + name + "}";
+    for (size_t pos = text.find(key); pos != std::string::npos; pos = text.find(key, pos)) {
+      text.replace(pos, key.size(), value);
+    }
+  }
+  return text;
+}
 
 TrackRecord MakeTrack(uint32_t number, uint32_t frames,
                       std::initializer_list<std::pair<f::FieldId, PropertyValue>> props) {
@@ -31,9 +66,7 @@ TrackRecord MakeTrack(uint32_t number, uint32_t frames,
 }
 
 // A catalogue that exercises every part of the document once.
-MemoryCatalog SampleCatalog() {
-  MemoryCatalog catalog;
-
+void FillSample(Catalogue& catalog) {
   AlbumRecord a;
   a.id = "0123456789ABCDEF";
   a.modified = 0x5F000000;
@@ -88,13 +121,13 @@ MemoryCatalog SampleCatalog() {
                  {f::kMemo[4], "x]]>y"},
                  {f::kRecCity, "Oslo"},
                  {f::kLyrics, "la\r\nla"},
-                 {f::kRating, 4},
+                 {f::kTrackRating, 4},
                  {f::kFilePath, "/music/a&b.flac"},
-                 {f::kFileSize, static_cast<int32_t>(4000000000u)}}),
+                 {f::kFileSize, "4000000000"}}),
       MakeTrack(2, 375, {{f::kRemastered, 1}, {f::kBool[9], 1}}),
   };
   a.volumes = {v1, v2};
-  catalog.albums[a.id] = a;
+  catalog.Add(a);
 
   AlbumRecord b;
   b.id = "FEDCBA9876543210";
@@ -103,8 +136,8 @@ MemoryCatalog SampleCatalog() {
   b.properties.Set(f::kIsClassical, 1);
   b.properties.Set(f::kAsin, std::string("B000TEST"));
   b.properties.Set(f::kAmazonServer, std::string("webservices.amazon.co.uk"));
-  b.properties.Set(f::kClassicalStore, 1);
-  catalog.albums[b.id] = b;
+  b.properties.Set(f::kAmazonClassical, 1);
+  catalog.Add(b);
 
   // Creation time: a volume without one restarts the search for the smallest.
   AlbumRecord c;
@@ -119,7 +152,7 @@ MemoryCatalog SampleCatalog() {
     v.played = played;
     c.volumes.push_back(v);
   }
-  catalog.albums[c.id] = c;
+  catalog.Add(c);
 
   ArtistEntry eve;
   eve.name = "Eve";
@@ -128,23 +161,23 @@ MemoryCatalog SampleCatalog() {
   eve.country = "UK";
   eve.links = {{"Home", "site"}};
   ArtistEntry band;
-  band.name = "Band";
+  band.name = "The Band";
   band.is_band = true;
   band.date_formed = PackDate({1980, 0, 0});
-  catalog.artists = {eve, band};
-  catalog.artists_modified = 0xABCD;
+  ASSERT_EQ(catalog.engine->WriteArtist(eve), kOk);
+  ASSERT_EQ(catalog.engine->WriteArtist(band), kOk);
 
-  catalog.lists["user_formats"] = "CD\nLP";
-  catalog.list_times["user_formats"] = 0x11223344;
-  catalog.lists["user_categories"] = "Jazz\n\nBlues\n";
-  return catalog;
+  for (const char* key : kUserListKeys)
+    catalog.SetList(key, "", 0);
+  catalog.SetList("user_formats", "CD\nLP", 0x11223344);
+  catalog.SetList("user_categories", "Jazz\n\nBlues\n", 0);
 }
 
 constexpr std::string_view kSampleDocument =
     R"(<?xml version="1.0" encoding="UTF-8"?>
 <Collection Version="1.0">
 	<Albums>
-		<Album ID="0123456789ABCDEF" Modified="5F000000" Created="5E000000" Played="61000000" IsSingle="1" InCollection="0" CDDBID="0A0B0C03" MCIID="00001234" Icon="7" Frames="4500750" Time="16:40:10">
+		<Album ID="0123456789ABCDEF" Modified="{A}" Created="5E000000" Played="61000000" IsSingle="1" InCollection="0" CDDBID="0A0B0C03" MCIID="00001234" Icon="7" Frames="4500750" Time="16:40:10">
 			<Artists>
 				<Artist>Ann &amp; Bob</Artist>
 			</Artists>
@@ -212,7 +245,7 @@ la]]></Lyrics>
 				</Volume>
 			</Volumes>
 		</Album>
-		<Album ID="89ABCDEF01234567" Modified="00000002" Created="00000009" Played="00000007" CDDBID="00000101">
+		<Album ID="89ABCDEF01234567" Modified="{C}" Created="00000009" Played="00000007" CDDBID="00000101">
 			<Title>Reset</Title>
 			<Volumes>
 				<Volume ID="00000101">
@@ -226,14 +259,14 @@ la]]></Lyrics>
 				</Volume>
 			</Volumes>
 		</Album>
-		<Album ID="FEDCBA9876543210" Modified="00000001" IsClassical="1">
+		<Album ID="FEDCBA9876543210" Modified="{B}" IsClassical="1">
 			<Title>Amazon</Title>
 			<ASIN>B000TEST</ASIN>
 			<Artwork Server="2" ASIN="B000TEST" Classical="1"/>
 			<Volumes></Volumes>
 		</Album>
 	</Albums>
-	<Artists Modified="0000ABCD">
+	<Artists Modified="{ARTISTS}">
 		<Artist IsPerson="1">
 			<Name>Eve</Name>
 			<SortName>Eve, The</SortName>
@@ -249,7 +282,7 @@ la]]></Lyrics>
 			</Links>
 		</Artist>
 		<Artist IsBand="1">
-			<Name>Band</Name>
+			<Name>The Band</Name>
 			<DateFormed Encoded="50000000">1980</DateFormed>
 		</Artist>
 	</Artists>
@@ -277,10 +310,11 @@ xmlDocPtr Parse(const std::string& xml) {
 }
 
 TEST(CollectionWriterTest, WritesTheWholeDocumentExactly) {
-  MemoryCatalog catalog = SampleCatalog();
+  Catalogue catalog;
+  FillSample(catalog);
   CollectionOptions options;
   options.amazon_servers = {"webservices.amazon.com", "WebServices.Amazon.co.uk"};
-  CollectionWriter writer(catalog, options);
+  CollectionWriter writer(*catalog.engine, options);
   StringXmlOutput out;
   std::vector<size_t> progress;
   ASSERT_EQ(writer.Write(out,
@@ -290,14 +324,20 @@ TEST(CollectionWriterTest, WritesTheWholeDocumentExactly) {
                            return true;
                          }),
             kOk);
-  EXPECT_EQ(out.text(), kSampleDocument);
+  const std::string expected =
+      Substitute(std::string(kSampleDocument),
+                 {{"A", catalog.Modified("0123456789ABCDEF")},
+                  {"B", catalog.Modified("FEDCBA9876543210")},
+                  {"C", catalog.Modified("89ABCDEF01234567")},
+                  {"ARTISTS", fmt::format("{:08X}", catalog.engine->ArtistsModified())}});
+  EXPECT_EQ(out.text(), expected);
   EXPECT_EQ(progress, (std::vector<size_t>{1, 2, 3}));
   EXPECT_EQ(writer.stats().albums, 3u);
   EXPECT_EQ(writer.stats().bytes, out.text().size());
 
   // Without the server in the configured list the album falls back to its
   // cover, and it has none: no "Artwork" at all.
-  CollectionWriter no_servers(catalog);
+  CollectionWriter no_servers(*catalog.engine);
   StringXmlOutput out2;
   ASSERT_EQ(no_servers.Write(out2), kOk);
   EXPECT_EQ(out2.text().find("Server="), std::string::npos);
@@ -305,8 +345,23 @@ TEST(CollectionWriterTest, WritesTheWholeDocumentExactly) {
             std::string::npos);
 }
 
+// The first element child of a node.
+const xmlNode* FirstElement(const xmlNode* node) {
+  node = node != nullptr ? node->children : nullptr;
+  while (node != nullptr && node->type != XML_ELEMENT_NODE)
+    node = node->next;
+  return node;
+}
+
+std::string ContentOf(const xmlNode* node) {
+  xmlChar* text = xmlNodeGetContent(node);
+  std::string result = text != nullptr ? reinterpret_cast<const char*>(text) : "";
+  xmlFree(text);
+  return result;
+}
+
 TEST(CollectionWriterTest, HostileCatalogueTextStillGivesAWellFormedDocument) {
-  MemoryCatalog catalog;
+  Catalogue catalog;
   AlbumRecord a;
   a.id = "0000000000000001\x01<\"";
   constexpr char kHostile[] = "t\x01\x02\x1F\x7F]]>\xFF\xC3<&>\"'\r\n\0end";
@@ -319,35 +374,40 @@ TEST(CollectionWriterTest, HostileCatalogueTextStillGivesAWellFormedDocument) {
   v.title = hostile;
   v.tracks = {MakeTrack(1, 75, {{f::kTrackTitle, hostile}, {f::kLyrics, hostile}})};
   a.volumes = {v};
-  catalog.albums[a.id] = a;
+  catalog.Add(a);
   ArtistEntry artist;
   artist.name = hostile;
-  catalog.artists = {artist};
-  catalog.lists["user_genres"] = hostile + "\n" + hostile;
+  ASSERT_EQ(catalog.engine->WriteArtist(artist), kOk);
+  catalog.SetList("user_genres", hostile + "\n" + hostile, 1);
 
-  CollectionWriter writer(catalog);
+  CollectionWriter writer(*catalog.engine);
   StringXmlOutput out;
   ASSERT_EQ(writer.Write(out), kOk);
   xmlDocPtr doc = Parse(out.text());
   ASSERT_NE(doc, nullptr) << out.text();
-  // The title survives without the characters XML cannot carry.
-  const xmlNode* album = xmlDocGetRootElement(doc)->children;
-  while (album != nullptr && album->type != XML_ELEMENT_NODE)
-    album = album->next;
-  ASSERT_NE(album, nullptr);
-  album = album->children;  // first child of <Albums>
-  while (album != nullptr && album->type != XML_ELEMENT_NODE)
-    album = album->next;
+  // What XML can carry survives: DEL, markup characters, the apostrophe, the
+  // invalid bytes as U+FFFD, line ends and the CDATA text around "]]>".
+  const std::string kept = "t\x7F]]>\xEF\xBF\xBD\xEF\xBF\xBD<&>\"'\nend";
+  const xmlNode* album = FirstElement(FirstElement(xmlDocGetRootElement(doc)));
   ASSERT_NE(album, nullptr);
   xmlChar* id = xmlGetProp(album, reinterpret_cast<const xmlChar*>("ID"));
   EXPECT_STREQ(reinterpret_cast<const char*>(id), "0000000000000001<\"");
   xmlFree(id);
+  std::map<std::string, std::string> texts;
+  for (const xmlNode* child = FirstElement(album); child != nullptr; child = child->next) {
+    if (child->type == XML_ELEMENT_NODE) {
+      texts[reinterpret_cast<const char*>(child->name)] = ContentOf(child);
+    }
+  }
+  EXPECT_EQ(texts["Title"], kept);
+  EXPECT_EQ(texts["Comment"], "]]>" + kept + "]]]]>");
   xmlFreeDoc(doc);
 }
 
 TEST(CollectionWriterTest, StopsOnCancelAndOnWriteFailure) {
-  MemoryCatalog catalog = SampleCatalog();
-  CollectionWriter writer(catalog);
+  Catalogue catalog;
+  FillSample(catalog);
+  CollectionWriter writer(*catalog.engine);
   StringXmlOutput out;
   EXPECT_EQ(writer.Write(out, [](size_t done, size_t) { return done < 2; }), kAborted);
   EXPECT_EQ(writer.stats().albums, 2u);
@@ -357,13 +417,15 @@ TEST(CollectionWriterTest, StopsOnCancelAndOnWriteFailure) {
     bool Write(const char*, size_t) override { return false; }
   } failing;
   // Enough albums to fill the writer's buffer, so the failure is seen early.
-  for (int i = 0; i < 2000; ++i) {
-    AlbumRecord copy = catalog.albums.begin()->second;
+  AlbumRecord copy = *catalog.engine->ReadAlbum("0123456789ABCDEF");
+  for (int i = 0; i < 60; ++i) {
     copy.id = std::to_string(1000000 + i);
-    catalog.albums[copy.id] = copy;
+    for (VolumeRecord& volume : copy.volumes)
+      volume.record_id += 0x1000;
+    catalog.Add(copy);
   }
   EXPECT_EQ(writer.Write(failing), HResultFromErrno(EIO));
-  EXPECT_LT(writer.stats().albums, 2000u);
+  EXPECT_LT(writer.stats().albums, 60u);
 }
 
 std::string MakeJpeg(int width, int height) {
@@ -383,8 +445,8 @@ std::string MakeJpeg(int width, int height) {
 }
 
 TEST(CollectionWriterTest, CoversAreHashedAndStoredInTheCache) {
-  test::TempDir dir;
-  MemoryCatalog catalog;
+  Catalogue catalog;
+  const test::TempDir& dir = catalog.dir;
   const std::string large = MakeJpeg(1000, 600);
   const std::string small = MakeJpeg(120, 160);
   const std::string broken = "not an image";
@@ -402,8 +464,10 @@ TEST(CollectionWriterTest, CoversAreHashedAndStoredInTheCache) {
       a.volumes.emplace_back();
       a.volumes.back().record_id = id;
     }
-    if (!setup[i].second.empty()) catalog.covers[setup[i].first.back()] = setup[i].second;
-    catalog.albums[a.id] = a;
+    catalog.Add(a);
+    if (!setup[i].second.empty()) {
+      ASSERT_EQ(catalog.engine->WriteCover(setup[i].first.back(), setup[i].second), kOk);
+    }
   }
   const std::string large_hash = CoverHash(PrepareCover(large).bytes);
   const std::string expected_hashes[] = {large_hash, large_hash, CoverHash(small),
@@ -412,7 +476,7 @@ TEST(CollectionWriterTest, CoversAreHashedAndStoredInTheCache) {
   for (int round = 0; round < 2; ++round) {
     CollectionOptions options;
     options.cover_cache_dir = dir / "covers";
-    CollectionWriter writer(catalog, options);
+    CollectionWriter writer(*catalog.engine, options);
     StringXmlOutput out;
     ASSERT_EQ(writer.Write(out), kOk);
     size_t pos = 0;
