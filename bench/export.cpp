@@ -14,6 +14,7 @@
 
 #include "dischive/collection.h"
 #include "dischive/date.h"
+#include "dischive/sqlite_catalog.h"
 #include "dischive/xml_writer.h"
 #include "support/bench_support.h"
 
@@ -71,6 +72,7 @@ class GeneratedCatalog : public CatalogEngine {
 
   const std::filesystem::path& path() const override { return path_; }
   size_t AlbumCount() override { return count_; }
+  CatalogCounts Counts() override { return CatalogCounts{count_, count_, count_ * kTracks, 0, 0}; }
   HResult ForEachAlbum(const std::function<bool(const AlbumRecord&)>& visit) override {
     for (size_t i = 0; i < count_; ++i) {
       album_.id = fmt::format("{:016X}", 0x1000000000000000ull + i * 7919);
@@ -319,6 +321,44 @@ void BM_LibXml2TextWriter(benchmark::State& state) {
   ReportCounters(state, bytes);
 }
 BENCHMARK(BM_LibXml2TextWriter)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+
+// The whole export from a real catalogue file: SQLite reading included. The
+// catalogue is made once (DISCHIVE_BENCH_SQLITE_ALBUMS albums, default the
+// same count as above) in a scratch folder.
+void BM_ExportSqliteCatalogue(benchmark::State& state) {
+  const char* text = std::getenv("DISCHIVE_BENCH_SQLITE_ALBUMS");
+  const size_t albums = text != nullptr && *text != '\0' ? std::strtoull(text, nullptr, 10)
+                                                         : AlbumCountFromEnvironment();
+  bench::ScratchDir scratch("export");
+  HResult error = kOk;
+  std::string message;
+  std::unique_ptr<CatalogEngine> catalog =
+      OpenSqliteCatalog(scratch.path() / "bench.dab", CatalogOpenMode::kCreate, &error, &message);
+  if (!catalog) {
+    state.SkipWithError(message.c_str());
+    return;
+  }
+  GeneratedCatalog source(albums);
+  source.ForEachAlbum([&](const AlbumRecord& album) {
+    AlbumRecord copy = album;
+    error = catalog->WriteAlbum(copy, WriteMode::kReplace);
+    return error == kOk;
+  });
+  if (error != kOk) {
+    state.SkipWithError("filling the catalogue failed");
+    return;
+  }
+  uint64_t bytes = 0;
+  for (auto _ : state) {
+    CountingOutput out;
+    CollectionWriter writer(*catalog);
+    if (writer.Write(out) != kOk) state.SkipWithError("export failed");
+    bytes += out.bytes;
+  }
+  ReportCounters(state, bytes);
+  state.counters["albums"] = static_cast<double>(albums);
+}
+BENCHMARK(BM_ExportSqliteCatalogue)->Unit(benchmark::kMillisecond)->Iterations(1);
 
 }  // namespace
 }  // namespace dischive
