@@ -13,6 +13,7 @@
 
 #include "dischive/catalog.h"
 #include "dischive/result.h"
+#include "dischive/settings.h"
 #include "dischive/xml_writer.h"
 
 namespace dischive {
@@ -26,6 +27,16 @@ struct CollectionOptions {
   /// index and product number instead of sending a cover.
   std::vector<std::string> amazon_servers;
 };
+
+/// The configured Amazon servers: setting "AmazonSearch"/"Servers", a list
+/// separated by ";" (blanks around entries ignored); by default the web-service
+/// hosts of the six marketplaces in the order of the "AwsServer" option (United
+/// States, United Kingdom, Germany, Japan, France, Canada).
+std::vector<std::string> ConfiguredAmazonServers(const SettingsStore& settings);
+
+/// The cover cache folder: $XDG_CACHE_HOME/dischive/covers (default
+/// ~/.cache/dischive/covers).
+std::filesystem::path DefaultCoverCacheFolder();
 
 /// What a finished (or stopped) document contains.
 struct CollectionStats {

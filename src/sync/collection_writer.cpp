@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstdlib>
 #include <fstream>
 #include <system_error>
 
@@ -615,6 +616,33 @@ void CollectionWriter::DocumentWriter::UserLists() {
       start = end + 1;
     }
   }
+}
+
+std::vector<std::string> ConfiguredAmazonServers(const SettingsStore& settings) {
+  const std::string text =
+      settings.GetString("AmazonSearch", "Servers",
+                         "webservices.amazon.com;webservices.amazon.co.uk;webservices.amazon.de;"
+                         "webservices.amazon.co.jp;webservices.amazon.fr;webservices.amazon.ca");
+  std::vector<std::string> servers;
+  size_t start = 0;
+  while (start <= text.size()) {
+    size_t end = text.find(';', start);
+    if (end == std::string::npos) end = text.size();
+    const std::string_view entry = TrimBlanks(std::string_view(text).substr(start, end - start));
+    if (!entry.empty()) servers.emplace_back(entry);
+    start = end + 1;
+  }
+  return servers;
+}
+
+std::filesystem::path DefaultCoverCacheFolder() {
+  if (const char* cache = std::getenv("XDG_CACHE_HOME"); cache != nullptr && cache[0] == '/') {
+    return std::filesystem::path(cache) / "dischive" / "covers";
+  }
+  if (const char* home = std::getenv("HOME"); home != nullptr && home[0] == '/') {
+    return std::filesystem::path(home) / ".cache" / "dischive" / "covers";
+  }
+  return std::filesystem::temp_directory_path() / "dischive" / "covers";
 }
 
 CollectionWriter::CollectionWriter(CatalogEngine& catalog, CollectionOptions options)
