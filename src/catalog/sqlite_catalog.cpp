@@ -133,11 +133,12 @@ std::string CheckDatabaseHeader(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
   unsigned char header[100] = {};
   in.read(reinterpret_cast<char*>(header), sizeof header);
-  if (!in && in.gcount() < static_cast<std::streamsize>(sizeof header)) {
-    return path.string() + " is not a catalogue (too short for a database file)";
-  }
-  if (std::memcmp(header, "SQLite format 3", 16) != 0) {
+  const std::streamsize got = in.gcount();
+  if (got < 16 || std::memcmp(header, "SQLite format 3", 16) != 0) {
     return path.string() + " is not a catalogue (not a database file)";
+  }
+  if (got < static_cast<std::streamsize>(sizeof header)) {
+    return path.string() + " is not a catalogue (too short for a database file)";
   }
   uint32_t page_size = ReadBigEndian(header + 16, 2);
   if (page_size == 1) page_size = 65536;
