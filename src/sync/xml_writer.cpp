@@ -10,33 +10,19 @@ namespace {
 constexpr std::string_view kDeclaration = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
 constexpr std::string_view kReplacementUtf8 = "\xEF\xBF\xBD";
 
-// What to do with an ASCII byte: copy it, drop it (a control character XML 1.0
-// cannot carry), or look at it more closely (markup characters and CR).
-enum ByteClass : uint8_t { kCopy, kDrop, kSpecial };
-
-constexpr std::array<ByteClass, 128> MakeByteClasses() {
-  std::array<ByteClass, 128> classes{};
-  for (int c = 0; c < 0x20; ++c)
-    classes[c] = kDrop;
-  classes['\t'] = kCopy;
-  classes['\n'] = kCopy;
-  classes['\r'] = kSpecial;
-  classes['&'] = kSpecial;
-  classes['<'] = kSpecial;
-  classes['>'] = kSpecial;
-  classes['"'] = kSpecial;
-  classes[']'] = kSpecial;
-  return classes;
+// Control characters XML 1.0 cannot carry: everything below 0x20 except tab,
+// LF and CR. They are dropped from text, attribute values and CDATA.
+constexpr bool IsDropped(unsigned char c) {
+  return c < 0x20 && c != '\t' && c != '\n' && c != '\r';
 }
-constexpr std::array<ByteClass, 128> kByteClasses = MakeByteClasses();
 
 // Bytes that element text and attribute values cannot take over as they are:
-// controls other than tab, CR and LF, the markup characters, and every byte of
-// a multi-byte sequence (which is checked before it is copied).
+// dropped controls, the markup characters, and every byte of a multi-byte
+// sequence (which is checked before it is copied).
 constexpr std::array<bool, 256> MakeTextStops() {
   std::array<bool, 256> stops{};
   for (int c = 0; c < 256; ++c) {
-    stops[c] = c >= 0x80 || (c < 0x80 && kByteClasses[c] == kDrop) || c == '&' || c == '<' ||
+    stops[c] = c >= 0x80 || IsDropped(static_cast<unsigned char>(c)) || c == '&' || c == '<' ||
                c == '>' || c == '"';
   }
   return stops;
@@ -140,8 +126,7 @@ void XmlStreamWriter::PutCDataBody(std::string_view text) {
     const auto byte = static_cast<unsigned char>(text[pos]);
     if (byte < 0x80) {
       ++pos;
-      const ByteClass cls = kByteClasses[byte];
-      if (cls == kDrop) continue;
+      if (IsDropped(byte)) continue;
       if (byte == '\r' && pos < size && text[pos] == '\n') continue;
       if (byte == '>' && brackets >= 2) buffer_.append("]]><![CDATA[");
       brackets = byte == ']' ? brackets + 1 : 0;
