@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <optional>
 #include <string>
 #include <thread>
 
 #include "dischive/http.h"
 #include "support/loopback_http.h"
+#include "support/tinyproxy.h"
 
 namespace dischive {
 namespace {
@@ -54,6 +57,9 @@ class HttpSessionTest : public ::testing::Test {
                           "|" + req.get_header_value("Accept") + "|" +
                           std::to_string(req.remote_port),
                       "text/plain");
+    });
+    s.Get("/via", [](const httplib::Request& req, httplib::Response& res) {
+      res.set_content(req.get_header_value("Via"), "text/plain");
     });
     s.Post("/echo", [](const httplib::Request& req, httplib::Response& res) {
       res.set_content(req.body + "|" + req.get_header_value("Content-Type"), "text/plain");
@@ -252,6 +258,64 @@ TEST_F(HttpSessionTest, ConnectionFailuresUseWinInetNumbers) {
   HttpRequest no_proxy_name = Get("/");
   no_proxy_name.access_type = AccessType::kNamedProxy;
   EXPECT_EQ(PerformHttpRequest(no_proxy_name), 87u);
+}
+
+// Sets (or clears) environment variables for one scope.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value) : name_(name) {
+    if (const char* old = std::getenv(name)) old_ = old;
+    if (value != nullptr) {
+      setenv(name, value, 1);
+    } else {
+      unsetenv(name);
+    }
+  }
+  ~ScopedEnv() {
+    if (old_) {
+      setenv(name_, old_->c_str(), 1);
+    } else {
+      unsetenv(name_);
+    }
+  }
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
+
+TEST_F(HttpSessionTest, AccessTypesChooseTheProxy) {
+  test::TinyproxyProcess proxy;
+  ASSERT_TRUE(proxy.Start()) << proxy.error();
+  const std::string via = test::TinyproxyProcess::kViaName;
+
+  HttpRequest named = Get("/via");
+  named.access_type = AccessType::kNamedProxy;
+  named.proxy = proxy.address();
+  ASSERT_EQ(PerformHttpRequest(named), kOk);
+  EXPECT_EQ(named.status_code, 200u);
+  EXPECT_NE(named.response_body.find(via), std::string::npos) << named.response_body;
+
+  // The environment's proxy counts for the system configuration only.
+  ScopedEnv http_proxy("http_proxy", ("http://" + proxy.address()).c_str());
+  ScopedEnv no_proxy("no_proxy", nullptr);
+  ScopedEnv no_proxy_upper("NO_PROXY", nullptr);
+  HttpRequest preconfigured = Get("/via");
+  preconfigured.access_type = AccessType::kPreconfigured;
+  ASSERT_EQ(PerformHttpRequest(preconfigured), kOk);
+  EXPECT_NE(preconfigured.response_body.find(via), std::string::npos);
+
+  HttpRequest direct = Get("/via");
+  ASSERT_EQ(PerformHttpRequest(direct), kOk);
+  EXPECT_EQ(direct.response_body.find(via), std::string::npos) << direct.response_body;
+
+  // A bypassed host goes direct even with a named proxy.
+  HttpRequest bypassed = Get("/via");
+  bypassed.access_type = AccessType::kNamedProxy;
+  bypassed.proxy = proxy.address();
+  bypassed.proxy_bypass = "example.org; 127.0.0.1";
+  ASSERT_EQ(PerformHttpRequest(bypassed), kOk);
+  EXPECT_EQ(bypassed.response_body.find(via), std::string::npos);
 }
 
 }  // namespace
