@@ -13,6 +13,7 @@
 #include "dischive/http.h"
 #include "dischive/text.h"
 #include "net/curl_error.h"
+#include "platform/memory.h"
 
 namespace dischive {
 
@@ -25,6 +26,7 @@ constexpr HResult kInetInvalidUrl = 12005;
 constexpr HResult kInvalidParameter = 87;  // ERROR_INVALID_PARAMETER
 constexpr long kDefaultProxyPort = 80;     // WinINet's default; libcurl's would be 1080
 constexpr long kReceiveBufferSize = 256 * 1024;
+constexpr size_t kLargeBody = size_t{8} << 20;
 
 void EnsureCurlInitialized() {
   static std::once_flag once;
@@ -96,6 +98,9 @@ size_t OnHeader(char* data, size_t size, size_t count, void* user) {
     if (t.headers_complete && announced > 0) {
       const auto wanted = static_cast<unsigned long long>(announced);
       t.body.reserve(wanted < t.max_body ? static_cast<size_t>(wanted) : t.max_body);
+      if (t.body.capacity() >= kLargeBody) {
+        platform::AdviseSequentialFill(t.body.data(), t.body.capacity());
+      }
     }
   }
   return length;
