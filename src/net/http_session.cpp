@@ -27,6 +27,8 @@ constexpr HResult kInvalidParameter = 87;  // ERROR_INVALID_PARAMETER
 constexpr long kDefaultProxyPort = 80;     // WinINet's default; libcurl's would be 1080
 constexpr long kReceiveBufferSize = 256 * 1024;
 constexpr size_t kLargeBody = size_t{8} << 20;
+constexpr size_t kMaxResponseHeaders = size_t{256} << 10;  // below libcurl's own limit
+constexpr HResult kInetInvalidServerResponse = 12152;
 
 void EnsureCurlInitialized() {
   static std::once_flag once;
@@ -64,6 +66,7 @@ struct Transfer {
   bool in_header_out = false;
   bool headers_complete = false;  // the final (non-1xx) header block has ended
   bool body_too_large = false;
+  bool headers_too_large = false;
   bool receive_timed_out = false;
   bool connected = false;
   curl_off_t last_down = 0;
@@ -86,6 +89,10 @@ size_t OnHeader(char* data, size_t size, size_t count, void* user) {
   }
   while (!line.empty() && (line.back() == '\r' || line.back() == '\n'))
     line.remove_suffix(1);
+  if (line.size() + 2 > kMaxResponseHeaders - t.response_headers.size()) {
+    t.headers_too_large = true;  // a server that never ends its headers
+    return 0;
+  }
   t.response_headers.append(line);
   t.response_headers.append("\r\n");
   if (line.empty()) {
@@ -400,6 +407,15 @@ HResult ExecuteHttpRequest(HttpRequest& request, HttpSession& session) {
     HResult error = net::TransportErrorFromCurl(failure);
     if (t.body_too_large || failure.code == CURLE_FILESIZE_EXCEEDED) error = kHttpBodyTooLarge;
     if (t.receive_timed_out) error = 12002;
+    // libcurl calls a reply that is not HTTP at all (HTTP/0.9 or noise) an
+    // unsupported protocol, and a header line past its limit "out of memory";
+    // for the caller both are an invalid server response.
+    const bool refused_reply =
+        t.connected && !t.headers_complete &&
+        (failure.code == CURLE_UNSUPPORTED_PROTOCOL || failure.code == CURLE_OUT_OF_MEMORY);
+    if (t.headers_too_large || refused_reply) {
+      error = kInetInvalidServerResponse;
+    }
 
     long status = 0;
     curl_easy_getinfo(s.curl, CURLINFO_RESPONSE_CODE, &status);

@@ -195,8 +195,10 @@ std::vector<_xmlNode*> XmlResponseReader::SelectNodes(_xmlNode* node,
   if (result != nullptr && result->type == XPATH_NODESET && result->nodesetval != nullptr) {
     const xmlNodeSet* set = result->nodesetval;
     found.reserve(static_cast<size_t>(set->nodeNr));
-    for (int i = 0; i < set->nodeNr; ++i)
-      found.push_back(set->nodeTab[i]);
+    for (int i = 0; i < set->nodeNr; ++i) {
+      // Namespace nodes in a result are copies that die with it.
+      if (set->nodeTab[i]->type != XML_NAMESPACE_DECL) found.push_back(set->nodeTab[i]);
+    }
   }
   xmlXPathFreeObject(result);
   xmlXPathFreeContext(context);

@@ -42,6 +42,7 @@ TEST(XmlResponseTest, SelectsTextsWithAndWithoutNamespaces) {
   EXPECT_FALSE(reader.SelectNodeText(items[1], "z:Note", text));
   EXPECT_FALSE(reader.SelectNodeText(doc.node(), "//Item", text));     // no prefix: no match
   EXPECT_FALSE(reader.SelectNodeText(doc.node(), "//z:Item[", text));  // bad XPath
+  EXPECT_FALSE(reader.SelectNodeText(doc.node(), "//z:Item/namespace::*", text));
   EXPECT_EQ(text, "untouched");
 
   // The base reader declares nothing, so prefixed paths find nothing.
@@ -136,7 +137,8 @@ TEST(XmlResponseTest, HostileDocumentsReadNoFileAndStayBounded) {
   // Wide instead of deep: 20 MB of expansion from an 80 KB body parses, and its
   // text stops at the expansion budget.
   std::string wide = "<!DOCTYPE r [<!ENTITY k \"" + std::string(1000, 'k') + "\">]><r>";
-  for (int i = 0; i < 20000; ++i) wide += "&k;";
+  for (int i = 0; i < 20000; ++i)
+    wide += "&k;";
   wide += "</r>";
   ASSERT_EQ(reader.LoadXmlResponse(wide, doc), kOk) << reader.last_error();
   std::string text;
