@@ -4,7 +4,9 @@
 // nothing of one request leaks into the next.
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <chrono>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -278,7 +280,9 @@ void Configure(CURL* curl, const HttpSession::Impl& session, const HttpRequest& 
   curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, kReceiveBufferSize);
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS,
                    static_cast<long>(request.connect_timeout.count()));
-  curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(request.max_body));
+  const auto largest = static_cast<size_t>(std::numeric_limits<curl_off_t>::max());
+  curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE,
+                   static_cast<curl_off_t>(std::min(request.max_body, largest)));
   if (!session.agent.empty()) curl_easy_setopt(curl, CURLOPT_USERAGENT, session.agent.c_str());
 
   switch (session.access_type) {
