@@ -256,8 +256,34 @@ namespace {
 struct Relaxations {
   bool skip_peer_check = false;
   bool skip_host_check = false;
-  bool proxy_challenge = false;  // the credentials answer a 407
+  bool proxy_challenge = false;       // the credentials answer a 407
+  unsigned long auth = CURLAUTH_ANY;  // the schemes the challenge offered
 };
+
+// The authentication schemes a 401/407 offers. A Basic-only challenge lets the
+// credentials go with the very next request instead of after another probe.
+unsigned long OfferedSchemes(std::string_view headers, bool proxy) {
+  const std::string_view name = proxy ? "proxy-authenticate:" : "www-authenticate:";
+  unsigned long schemes = 0;
+  size_t pos = 0;
+  while (pos < headers.size()) {
+    const size_t end = std::min(headers.find("\r\n", pos), headers.size());
+    std::string_view line = headers.substr(pos, end - pos);
+    pos = end + 2;
+    if (!StartsWithIgnoreCase(line, name)) continue;
+    const std::string_view value = TrimBlanks(line.substr(name.size()));
+    const std::string_view scheme = value.substr(0, value.find(' '));
+    if (EqualsIgnoreCase(scheme, "Basic"))
+      schemes |= CURLAUTH_BASIC;
+    else if (EqualsIgnoreCase(scheme, "Digest"))
+      schemes |= CURLAUTH_DIGEST;
+    else if (EqualsIgnoreCase(scheme, "NTLM"))
+      schemes |= CURLAUTH_NTLM;
+    else if (EqualsIgnoreCase(scheme, "Negotiate"))
+      schemes |= CURLAUTH_NEGOTIATE;
+  }
+  return schemes != 0 ? schemes : CURLAUTH_ANY;
+}
 
 void Configure(CURL* curl, const HttpSession::Impl& session, const HttpRequest& request,
                const Relaxations& relax, curl_slist* headers, Transfer& t) {
@@ -318,11 +344,11 @@ void Configure(CURL* curl, const HttpSession::Impl& session, const HttpRequest& 
     if (relax.proxy_challenge) {
       curl_easy_setopt(curl, CURLOPT_PROXYUSERNAME, request.user.c_str());
       curl_easy_setopt(curl, CURLOPT_PROXYPASSWORD, request.password.c_str());
-      curl_easy_setopt(curl, CURLOPT_PROXYAUTH, CURLAUTH_ANY);
+      curl_easy_setopt(curl, CURLOPT_PROXYAUTH, relax.auth);
     } else {
       curl_easy_setopt(curl, CURLOPT_USERNAME, request.user.c_str());
       curl_easy_setopt(curl, CURLOPT_PASSWORD, request.password.c_str());
-      curl_easy_setopt(curl, CURLOPT_HTTPAUTH, CURLAUTH_ANY);
+      curl_easy_setopt(curl, CURLOPT_HTTPAUTH, relax.auth);
     }
   }
   if (relax.skip_peer_check) curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
@@ -452,7 +478,10 @@ HResult ExecuteHttpRequest(HttpRequest& request, HttpSession& session) {
       if (outcome == kPromptRetry) {
         if (error == 12045 || error == 12037) relax.skip_peer_check = true;
         if (error == 12038) relax.skip_host_check = true;
-        relax.proxy_challenge = status == 407;
+        if (status == 401 || status == 407) {
+          relax.proxy_challenge = status == 407;
+          relax.auth = OfferedSchemes(t.response_headers, relax.proxy_challenge);
+        }
         continue;
       }
       // With no response to hand back, "continue" cannot clear the error.
