@@ -49,6 +49,10 @@ inline constexpr uint32_t kPromptCancel = 1223;  ///< end the request with 1223
 /// request with that value as the error).
 using HttpPrompt = std::function<uint32_t(HResult error, uint32_t status)>;
 
+/// Progress of a response body: bytes received and the announced total (0
+/// when the server did not say). Returning false cancels the request (12017).
+using HttpProgress = std::function<bool(uint64_t received, uint64_t expected)>;
+
 /// One request and, after the call, its response.
 struct HttpRequest {
   // Connection.
@@ -76,6 +80,7 @@ struct HttpRequest {
   std::chrono::milliseconds connect_timeout{60000};
   std::chrono::milliseconds receive_timeout{30000};  ///< longest time without data
   size_t max_body = size_t{64} << 20;                ///< a longer body ends the request
+  HttpProgress progress;                             ///< optional; called as the body arrives
 
   // The response.
   std::string sent_headers;      ///< raw request headers as sent, CR LF separated
