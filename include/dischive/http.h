@@ -92,7 +92,10 @@ struct HttpRequest {
 /// Copies agent, access type and proxy from the settings into a request.
 void ApplyInternetSettings(const InternetSettings& settings, HttpRequest& request);
 
-/// A connection kept between requests to the same server.
+/// A connection kept between requests to the same server. The first request
+/// opens it with its agent, access type, proxy, server and port; later requests
+/// on the session reuse it as it is (their own connection fields are not
+/// read) until CloseHttpSession. Not to be shared between threads.
 class HttpSession {
  public:
   HttpSession();
@@ -113,7 +116,12 @@ class HttpSession {
 
 /// Sends one request on the session (opening it on first use) and collects the
 /// response into the request. Returns 0 when the exchange took place (the caller
-/// checks the status code), else the error.
+/// checks the status code), else the error: a WinINet number (12002 time-out,
+/// 12007 name not resolved, 12029 cannot connect, 12030 connection broken off,
+/// 12045 untrusted certificate, ...), 1223 when the prompt cancelled,
+/// kHttpBodyTooLarge, or kCurlErrorBase + CURLcode. When the response arrived
+/// and its body broke off, headers, status and the partial body are kept
+/// beside the error; a failure before the response leaves them empty.
 HResult ExecuteHttpRequest(HttpRequest& request, HttpSession& session);
 /// Closes the session's connection.
 void CloseHttpSession(HttpSession& session);
