@@ -230,7 +230,13 @@ void Setup(CLI::App& app, Context& context) {
         if (!log.ends_with("\r\n")) std::cout << "\r\n";
       } else if (!request.response_headers.empty()) {
         std::cout << StatusLine(request.response_headers) << '\n';
-        if (output.empty()) {
+        if (output.empty() && isatty(STDOUT_FILENO) != 0 &&
+            (!IsValidUtf8(request.response_body) ||
+             request.response_body.find('\0') != std::string::npos)) {
+          // Binary data would garble the terminal.
+          std::cout << LoadHostString(strings::kBinaryBody) << " (" << request.response_body.size()
+                    << " bytes; use --output FILE)\n";
+        } else if (output.empty()) {
           std::cout << request.response_body;
         } else {
           std::cout << request.response_body.size() << " bytes written to " << output << '\n';
