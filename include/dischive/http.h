@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "dischive/errors.h"
 #include "dischive/result.h"
 #include "dischive/settings.h"
 
@@ -34,6 +35,10 @@ struct InternetSettings {
 /// Reads the settings as the transport uses them.
 InternetSettings LoadInternetSettings(const SettingsStore& settings);
 
+/// The response grew past HttpRequest::max_body (the transport's "maximum
+/// file size exceeded" code).
+inline constexpr HResult kHttpBodyTooLarge = kCurlErrorBase + 63;
+
 /// Outcomes of the host's prompt for an authentication or certificate problem.
 inline constexpr uint32_t kPromptContinue = 0;   ///< return the response as it is
 inline constexpr uint32_t kPromptRetry = 12032;  ///< send the request again
@@ -44,6 +49,10 @@ inline constexpr uint32_t kPromptCancel = 1223;  ///< end the request with 1223
 /// request with that value as the error).
 using HttpPrompt = std::function<uint32_t(HResult error, uint32_t status)>;
 
+/// Progress of a response body: bytes received and the announced total (0
+/// when the server did not say). Returning false cancels the request (12017).
+using HttpProgress = std::function<bool(uint64_t received, uint64_t expected)>;
+
 /// One request and, after the call, its response.
 struct HttpRequest {
   // Connection.
@@ -52,6 +61,10 @@ struct HttpRequest {
   std::string proxy_bypass;  ///< hosts not to send through the proxy
   std::string agent;         ///< user agent
   HttpPrompt prompt;         ///< the host's prompt; none: 401/407 returned, TLS errors end
+  /// Credentials answered to a 401 (server) or 407 (proxy) challenge; a prompt
+  /// fills them before it asks for a retry. Ignored with no_authentication.
+  std::string user;
+  std::string password;
 
   // The request.
   std::string extra_headers;       ///< CR LF separated headers added or replacing ours
@@ -67,6 +80,7 @@ struct HttpRequest {
   std::chrono::milliseconds connect_timeout{60000};
   std::chrono::milliseconds receive_timeout{30000};  ///< longest time without data
   size_t max_body = size_t{64} << 20;                ///< a longer body ends the request
+  HttpProgress progress;                             ///< optional; called as the body arrives
 
   // The response.
   std::string sent_headers;      ///< raw request headers as sent, CR LF separated
@@ -78,7 +92,10 @@ struct HttpRequest {
 /// Copies agent, access type and proxy from the settings into a request.
 void ApplyInternetSettings(const InternetSettings& settings, HttpRequest& request);
 
-/// A connection kept between requests to the same server.
+/// A connection kept between requests to the same server. The first request
+/// opens it with its agent, access type, proxy, server and port; later requests
+/// on the session reuse it as it is (their own connection fields are not
+/// read) until CloseHttpSession. Not to be shared between threads.
 class HttpSession {
  public:
   HttpSession();
@@ -99,7 +116,12 @@ class HttpSession {
 
 /// Sends one request on the session (opening it on first use) and collects the
 /// response into the request. Returns 0 when the exchange took place (the caller
-/// checks the status code), else the error.
+/// checks the status code), else the error: a WinINet number (12002 time-out,
+/// 12007 name not resolved, 12029 cannot connect, 12030 connection broken off,
+/// 12045 untrusted certificate, ...), 1223 when the prompt cancelled,
+/// kHttpBodyTooLarge, or kCurlErrorBase + CURLcode. When the response arrived
+/// and its body broke off, headers, status and the partial body are kept
+/// beside the error; a failure before the response leaves them empty.
 HResult ExecuteHttpRequest(HttpRequest& request, HttpSession& session);
 /// Closes the session's connection.
 void CloseHttpSession(HttpSession& session);
