@@ -1,0 +1,21 @@
+// Helpers shared by the backup writer and restore.
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "dischive/result.h"
+#include "platform/file.h"
+
+namespace dischive::backup {
+
+/// Takes the write lock of a database (the lock file beside it) without
+/// waiting. Fails with a clear message when another process is writing.
+HResult LockDatabase(const std::filesystem::path& database, platform::FileLock* lock,
+                     std::string* message);
+
+/// Fails when the database has a non-empty write-ahead log beside it: its file
+/// alone is then not the whole database.
+HResult CheckNoPendingLog(const std::filesystem::path& database, std::string* message);
+
+}  // namespace dischive::backup

@@ -1,0 +1,189 @@
+// Reading backup files: the header and metadata, and a full structural check.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+#include <set>
+#include <system_error>
+
+#include "backup/archive.h"
+#include "backup/backup_internal.h"
+#include "dischive/backup.h"
+#include "platform/file.h"
+
+namespace dischive {
+namespace {
+
+// The metadata section is searched for in this many bytes at the end.
+constexpr size_t kMetadataTail = 8196;
+// Caps on what a backup may claim, far above anything a real one holds.
+constexpr size_t kMaxNameLength = 4096;
+constexpr size_t kMaxReservedText = 65536;
+constexpr size_t kMaxCovers = 10'000'000;
+
+constexpr std::string_view kMetaMarker{"\x05#META", 6};
+
+HResult Fail(HResult code, std::string text, std::string* message) {
+  if (message != nullptr) *message = std::move(text);
+  return code;
+}
+
+// Reads the metadata section from "#META" on.
+bool ReadMetadata(backup::ArchiveReader& reader, BackupMetadata* metadata) {
+  std::string tag;
+  if (!reader.ReadString(&tag, 16)) return false;
+  if (tag != "#META") return reader.Fail(fmt::format("\"{}\" where \"#META\" belongs", tag));
+  if (!reader.ReadDword(&metadata->version)) return false;
+  if (!reader.ReadString(&metadata->database_name, kMaxNameLength)) return false;
+  for (std::string& text : metadata->reserved_texts) {
+    if (!reader.ReadString(&text, kMaxReservedText)) return false;
+  }
+  for (uint32_t& number : metadata->reserved_numbers) {
+    if (!reader.ReadDword(&number)) return false;
+  }
+  return true;
+}
+
+bool HeaderMatches(const platform::File& file) {
+  char header[kBackupHeader.size()];
+  size_t got = 0;
+  return file.ReadAt(0, header, sizeof(header), &got) == kOk && got == sizeof(header) &&
+         std::string_view(header, got) == kBackupHeader;
+}
+
+}  // namespace
+
+bool IsBareFileName(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." &&
+         name.find_first_of(std::string_view("/\\\0", 3)) == std::string_view::npos;
+}
+
+std::filesystem::path DefaultCoversFolder(const std::filesystem::path& database) {
+  return database.parent_path() / (database.stem().string() + "_covers");
+}
+
+bool ReadBackupInfo(const std::filesystem::path& path, BackupMetadata* metadata,
+                    bool* metadata_found) {
+  if (metadata_found != nullptr) *metadata_found = false;
+  platform::File file;
+  uint64_t size = 0;
+  if (platform::File::OpenRead(path, &file) != kOk || file.Size(&size) != kOk) return false;
+  if (!HeaderMatches(file)) return false;
+  if (metadata == nullptr) return true;
+
+  const size_t tail_size = static_cast<size_t>(std::min<uint64_t>(size, kMetadataTail));
+  const uint64_t tail_start = size - tail_size;
+  std::string tail(tail_size, '\0');
+  size_t got = 0;
+  if (file.ReadAt(tail_start, tail.data(), tail.size(), &got) != kOk) return false;
+  tail.resize(got);
+  const size_t marker = tail.rfind(kMetaMarker);
+  if (marker == std::string::npos) return true;
+
+  backup::SpanSource source(std::string_view(tail).substr(marker), tail_start + marker);
+  backup::ArchiveReader reader(source);
+  BackupMetadata found;
+  if (!ReadMetadata(reader, &found)) return false;
+  *metadata = std::move(found);
+  if (metadata_found != nullptr) *metadata_found = true;
+  return true;
+}
+
+HResult InspectBackup(const std::filesystem::path& path, BackupContents* contents,
+                      std::string* message) {
+  platform::File file;
+  uint64_t size = 0;
+  if (HResult r = platform::File::OpenRead(path, &file); r != kOk || (r = file.Size(&size))) {
+    return Fail(r, fmt::format("cannot read {}: {}", path.string(), FormatErrorMessage(r)),
+                message);
+  }
+  const auto corrupt = [&](const std::string& why) {
+    return Fail(kInvalidArgument, fmt::format("{} is damaged: {}", path.string(), why), message);
+  };
+  if (size < kBackupHeader.size() || !HeaderMatches(file)) {
+    return Fail(kInvalidArgument, fmt::format("{} is not a backup file", path.string()), message);
+  }
+
+  BackupContents found;
+  found.file_size = size;
+  backup::FileSource source(file, size);
+  backup::ArchiveReader reader(source);
+  source.Skip(kBackupHeader.size());
+  if (!reader.SkipEmbedded(&found.database_offset, &found.database_size)) {
+    return corrupt(reader.error());
+  }
+
+  std::string tag;
+  if (!reader.ReadString(&tag, 16)) return corrupt(reader.error());
+  if (tag == "#FILE" || tag == "#END") {
+    found.covers_included = true;
+    std::set<std::string> names;
+    while (tag == "#FILE") {
+      if (found.covers.size() >= kMaxCovers) {
+        reader.Fail(fmt::format("more than {} covers", kMaxCovers));
+        return corrupt(reader.error());
+      }
+      BackupEntry entry;
+      if (!reader.ReadString(&entry.name, kMaxNameLength)) return corrupt(reader.error());
+      if (!IsBareFileName(entry.name)) {
+        reader.Fail(fmt::format("cover name \"{}\" is not a plain file name", entry.name));
+        return corrupt(reader.error());
+      }
+      if (!names.insert(entry.name).second) {
+        reader.Fail(fmt::format("cover \"{}\" appears twice", entry.name));
+        return corrupt(reader.error());
+      }
+      if (!reader.SkipEmbedded(&entry.offset, &entry.size)) return corrupt(reader.error());
+      found.covers.push_back(std::move(entry));
+      if (!reader.ReadString(&tag, 16)) return corrupt(reader.error());
+    }
+    if (tag != "#END") {
+      reader.Fail(fmt::format("unexpected \"{}\" in the covers", tag));
+      return corrupt(reader.error());
+    }
+  } else if (tag != "#INCR") {
+    reader.Fail(fmt::format("unexpected \"{}\" after the database", tag));
+    return corrupt(reader.error());
+  }
+
+  if (!ReadMetadata(reader, &found.metadata)) return corrupt(reader.error());
+  if (reader.remaining() != 0) {
+    reader.Fail(fmt::format("{} unexpected bytes after the metadata", reader.remaining()));
+    return corrupt(reader.error());
+  }
+  if (contents != nullptr) *contents = std::move(found);
+  return kOk;
+}
+
+namespace backup {
+
+HResult LockDatabase(const std::filesystem::path& database, platform::FileLock* lock,
+                     std::string* message) {
+  const std::filesystem::path lock_path = DatabaseLockPath(database);
+  const HResult r = platform::FileLock::TryAcquire(lock_path, lock);
+  if (r == platform::kErrorLockViolation) {
+    return Fail(r, fmt::format("another program is writing to {}", database.string()), message);
+  }
+  if (r != kOk) {
+    return Fail(r, fmt::format("cannot lock {}: {}", database.string(), FormatErrorMessage(r)),
+                message);
+  }
+  return kOk;
+}
+
+HResult CheckNoPendingLog(const std::filesystem::path& database, std::string* message) {
+  std::error_code ec;
+  const std::filesystem::path wal = database.string() + "-wal";
+  const uintmax_t size = std::filesystem::file_size(wal, ec);
+  if (!ec && size > 0) {
+    return Fail(kFail,
+                fmt::format("{} has changes not yet written into it ({}); open it with "
+                            "dischive once, or back it up with its catalogue open",
+                            database.string(), wal.string()),
+                message);
+  }
+  return kOk;
+}
+
+}  // namespace backup
+}  // namespace dischive
