@@ -28,11 +28,27 @@ HResult Fail(HResult code, std::string text, std::string* message) {
   return code;
 }
 
+// A name from a backup as it can be shown in a one-line message: control
+// characters and quotes escaped as \xNN.
+std::string Printable(std::string_view name) {
+  std::string out;
+  for (const char c : name) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7F || c == '"') {
+      out += fmt::format("\\x{:02X}", byte);
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
 // Reads the metadata section from "#META" on.
 bool ReadMetadata(backup::ArchiveReader& reader, BackupMetadata* metadata) {
   std::string tag;
   if (!reader.ReadString(&tag, 16)) return false;
-  if (tag != "#META") return reader.Fail(fmt::format("\"{}\" where \"#META\" belongs", tag));
+  if (tag != "#META")
+    return reader.Fail(fmt::format("\"{}\" where \"#META\" belongs", Printable(tag)));
   if (!reader.ReadDword(&metadata->version)) return false;
   if (!reader.ReadString(&metadata->database_name, kMaxNameLength)) return false;
   for (std::string& text : metadata->reserved_texts) {
@@ -126,11 +142,12 @@ HResult InspectBackup(const std::filesystem::path& path, BackupContents* content
       BackupEntry entry;
       if (!reader.ReadString(&entry.name, kMaxNameLength)) return corrupt(reader.error());
       if (!IsBareFileName(entry.name)) {
-        reader.Fail(fmt::format("cover name \"{}\" is not a plain file name", entry.name));
+        reader.Fail(
+            fmt::format("cover name \"{}\" is not a plain file name", Printable(entry.name)));
         return corrupt(reader.error());
       }
       if (!names.insert(entry.name).second) {
-        reader.Fail(fmt::format("cover \"{}\" appears twice", entry.name));
+        reader.Fail(fmt::format("cover \"{}\" appears twice", Printable(entry.name)));
         return corrupt(reader.error());
       }
       if (!reader.SkipEmbedded(&entry.offset, &entry.size)) return corrupt(reader.error());
@@ -138,11 +155,11 @@ HResult InspectBackup(const std::filesystem::path& path, BackupContents* content
       if (!reader.ReadString(&tag, 16)) return corrupt(reader.error());
     }
     if (tag != "#END") {
-      reader.Fail(fmt::format("unexpected \"{}\" in the covers", tag));
+      reader.Fail(fmt::format("unexpected \"{}\" in the covers", Printable(tag)));
       return corrupt(reader.error());
     }
   } else if (tag != "#INCR") {
-    reader.Fail(fmt::format("unexpected \"{}\" after the database", tag));
+    reader.Fail(fmt::format("unexpected \"{}\" after the database", Printable(tag)));
     return corrupt(reader.error());
   }
 

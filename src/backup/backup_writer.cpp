@@ -62,7 +62,8 @@ class DatabaseHold {
       suspended_ = request.catalog;
       return kOk;
     }
-    return backup::LockDatabase(database, &lock_, message);
+    if (const HResult r = backup::LockDatabase(database, &lock_, message)) return r;
+    return backup::CheckNoPendingLog(database, message);
   }
 
  private:
