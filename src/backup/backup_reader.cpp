@@ -105,6 +105,61 @@ bool ReadBackupInfo(const std::filesystem::path& path, BackupMetadata* metadata,
   return true;
 }
 
+namespace backup {
+
+bool ParseBackup(ByteSource& source, BackupContents* contents, std::string* reason) {
+  BackupContents found;
+  found.file_size = source.remaining();
+  ArchiveReader reader(source);
+  const auto fail = [&](const std::string& why) {
+    if (!why.empty()) reader.Fail(why);
+    *reason = reader.error();
+    return false;
+  };
+  char header[kBackupHeader.size()];
+  if (!reader.ReadBytes(header, sizeof(header)) ||
+      std::string_view(header, sizeof(header)) != kBackupHeader) {
+    *reason = "not a backup file";
+    return false;
+  }
+  if (!reader.SkipEmbedded(&found.database_offset, &found.database_size)) return fail("");
+
+  std::string tag;
+  if (!reader.ReadString(&tag, 16)) return fail("");
+  if (tag == "#FILE" || tag == "#END") {
+    found.covers_included = true;
+    std::set<std::string> names;
+    while (tag == "#FILE") {
+      if (found.covers.size() >= kMaxCovers)
+        return fail(fmt::format("more than {} covers", kMaxCovers));
+      BackupEntry entry;
+      if (!reader.ReadString(&entry.name, kMaxNameLength)) return fail("");
+      if (!IsBareFileName(entry.name)) {
+        return fail(
+            fmt::format("cover name \"{}\" is not a plain file name", Printable(entry.name)));
+      }
+      if (!names.insert(entry.name).second) {
+        return fail(fmt::format("cover \"{}\" appears twice", Printable(entry.name)));
+      }
+      if (!reader.SkipEmbedded(&entry.offset, &entry.size)) return fail("");
+      found.covers.push_back(std::move(entry));
+      if (!reader.ReadString(&tag, 16)) return fail("");
+    }
+    if (tag != "#END") return fail(fmt::format("unexpected \"{}\" in the covers", Printable(tag)));
+  } else if (tag != "#INCR") {
+    return fail(fmt::format("unexpected \"{}\" after the database", Printable(tag)));
+  }
+
+  if (!ReadMetadata(reader, &found.metadata)) return fail("");
+  if (reader.remaining() != 0) {
+    return fail(fmt::format("{} unexpected bytes after the metadata", reader.remaining()));
+  }
+  if (contents != nullptr) *contents = std::move(found);
+  return true;
+}
+
+}  // namespace backup
+
 HResult InspectBackup(const std::filesystem::path& path, BackupContents* contents,
                       std::string* message) {
   platform::File file;
@@ -113,62 +168,14 @@ HResult InspectBackup(const std::filesystem::path& path, BackupContents* content
     return Fail(r, fmt::format("cannot read {}: {}", path.string(), FormatErrorMessage(r)),
                 message);
   }
-  const auto corrupt = [&](const std::string& why) {
-    return Fail(kInvalidArgument, fmt::format("{} is damaged: {}", path.string(), why), message);
-  };
   if (size < kBackupHeader.size() || !HeaderMatches(file)) {
     return Fail(kInvalidArgument, fmt::format("{} is not a backup file", path.string()), message);
   }
-
-  BackupContents found;
-  found.file_size = size;
   backup::FileSource source(file, size);
-  backup::ArchiveReader reader(source);
-  source.Skip(kBackupHeader.size());
-  if (!reader.SkipEmbedded(&found.database_offset, &found.database_size)) {
-    return corrupt(reader.error());
+  std::string reason;
+  if (!backup::ParseBackup(source, contents, &reason)) {
+    return Fail(kInvalidArgument, fmt::format("{} is damaged: {}", path.string(), reason), message);
   }
-
-  std::string tag;
-  if (!reader.ReadString(&tag, 16)) return corrupt(reader.error());
-  if (tag == "#FILE" || tag == "#END") {
-    found.covers_included = true;
-    std::set<std::string> names;
-    while (tag == "#FILE") {
-      if (found.covers.size() >= kMaxCovers) {
-        reader.Fail(fmt::format("more than {} covers", kMaxCovers));
-        return corrupt(reader.error());
-      }
-      BackupEntry entry;
-      if (!reader.ReadString(&entry.name, kMaxNameLength)) return corrupt(reader.error());
-      if (!IsBareFileName(entry.name)) {
-        reader.Fail(
-            fmt::format("cover name \"{}\" is not a plain file name", Printable(entry.name)));
-        return corrupt(reader.error());
-      }
-      if (!names.insert(entry.name).second) {
-        reader.Fail(fmt::format("cover \"{}\" appears twice", Printable(entry.name)));
-        return corrupt(reader.error());
-      }
-      if (!reader.SkipEmbedded(&entry.offset, &entry.size)) return corrupt(reader.error());
-      found.covers.push_back(std::move(entry));
-      if (!reader.ReadString(&tag, 16)) return corrupt(reader.error());
-    }
-    if (tag != "#END") {
-      reader.Fail(fmt::format("unexpected \"{}\" in the covers", Printable(tag)));
-      return corrupt(reader.error());
-    }
-  } else if (tag != "#INCR") {
-    reader.Fail(fmt::format("unexpected \"{}\" after the database", Printable(tag)));
-    return corrupt(reader.error());
-  }
-
-  if (!ReadMetadata(reader, &found.metadata)) return corrupt(reader.error());
-  if (reader.remaining() != 0) {
-    reader.Fail(fmt::format("{} unexpected bytes after the metadata", reader.remaining()));
-    return corrupt(reader.error());
-  }
-  if (contents != nullptr) *contents = std::move(found);
   return kOk;
 }
 

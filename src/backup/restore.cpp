@@ -77,8 +77,12 @@ class Restorer {
     const std::filesystem::path covers_folder =
         request_.covers_folder.empty() ? DefaultCoversFolder(database) : request_.covers_folder;
     if (!std::filesystem::is_directory(db_folder, ec)) {
-      return Fail(kErrorPathNotFound, fmt::format("folder {} does not exist", db_folder.string()),
-                  message_);
+      std::filesystem::create_directories(db_folder, ec);
+      if (ec) {
+        return Fail(kErrorAccessDenied,
+                    fmt::format("cannot create {}: {}", db_folder.string(), ec.message()),
+                    message_);
+      }
     }
 
     platform::FileLock lock;
@@ -232,8 +236,6 @@ class Restorer {
     std::filesystem::remove(shm, ec);
     return kOk;
   }
-
-  static constexpr HResult kErrorPathNotFound = 3;
 
   const RestoreRequest& request_;
   std::string* message_;
