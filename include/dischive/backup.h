@@ -134,8 +134,4 @@ HResult RestoreBackupFile(const RestoreRequest& request, std::string* message = 
 /// ("Music.dab" -> "Music_covers").
 std::filesystem::path DefaultCoversFolder(const std::filesystem::path& database);
 
-/// The lock file beside a database whose exclusive lock marks the one process
-/// that may write to it.
-std::filesystem::path DatabaseLockPath(const std::filesystem::path& database);
-
 }  // namespace dischive

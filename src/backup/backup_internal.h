@@ -8,6 +8,7 @@
 #include "dischive/backup.h"
 #include "dischive/result.h"
 #include "platform/file.h"
+#include "platform/file_lock.h"
 
 namespace dischive::backup {
 

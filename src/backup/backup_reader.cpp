@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <set>
 #include <system_error>
@@ -9,7 +10,10 @@
 #include "backup/archive.h"
 #include "backup/backup_internal.h"
 #include "dischive/backup.h"
+#include "dischive/errors.h"
+#include "dischive/sqlite_catalog.h"
 #include "platform/file.h"
+#include "platform/file_lock.h"
 
 namespace dischive {
 namespace {
@@ -183,12 +187,14 @@ namespace backup {
 
 HResult LockDatabase(const std::filesystem::path& database, platform::FileLock* lock,
                      std::string* message) {
-  const std::filesystem::path lock_path = DatabaseLockPath(database);
-  const HResult r = platform::FileLock::TryAcquire(lock_path, lock);
-  if (r == platform::kErrorLockViolation) {
-    return Fail(r, fmt::format("another program is writing to {}", database.string()), message);
+  // The catalogue engine's writers hold the same lock file ("<database>.lock").
+  const int error = lock->TryLock(database.string() + ".lock");
+  if (error == EWOULDBLOCK) {
+    return Fail(kCatalogLocked, fmt::format("another program is writing to {}", database.string()),
+                message);
   }
-  if (r != kOk) {
+  if (error != 0) {
+    const HResult r = HResultFromErrno(error);
     return Fail(r, fmt::format("cannot lock {}: {}", database.string(), FormatErrorMessage(r)),
                 message);
   }

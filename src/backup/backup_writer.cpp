@@ -55,8 +55,9 @@ class DatabaseHold {
                std::string* message) {
     if (request.catalog != nullptr) {
       if (const HResult r = request.catalog->SuspendWriting()) {
+        const std::string why = request.catalog->LastErrorText();
         *message = fmt::format("cannot suspend writing to {}: {}", database.string(),
-                               FormatErrorMessage(r));
+                               why.empty() ? FormatErrorMessage(r) : why);
         return r;
       }
       suspended_ = request.catalog;

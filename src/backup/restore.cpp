@@ -1,8 +1,9 @@
 // Restoring a backup into a database path and a covers folder.
 //
 // Nothing is lost on the way: the whole backup is checked before anything is
-// written, every file is first written to a temporary file beside its target,
-// synced and checked for its length, and only then renamed into place. The
+// written, every file is first written to a temporary file beside its target
+// and checked for its length, all of them are flushed to the disk, and only
+// then are they renamed into place. The
 // database that was there is kept as "<name>.bak" unless the caller says not
 // to; its write-ahead log goes with it so that neither file is left with a log
 // that belongs to the other.
@@ -128,6 +129,19 @@ class Restorer {
       }
     }
 
+    // Everything staged reaches the disk before any of it is renamed into place.
+    if (const HResult r = platform::SyncFileSystem(db_folder)) {
+      return Fail(r, fmt::format("cannot flush {}: {}", db_folder.string(), FormatErrorMessage(r)),
+                  message_);
+    }
+    if (!staged_covers.empty()) {
+      if (const HResult r = platform::SyncFileSystem(covers_folder)) {
+        return Fail(
+            r, fmt::format("cannot flush {}: {}", covers_folder.string(), FormatErrorMessage(r)),
+            message_);
+      }
+    }
+
     // Move the old database aside, then everything into place.
     std::filesystem::path previous;
     if (database_exists) {
@@ -155,8 +169,8 @@ class Restorer {
   }
 
  private:
-  // Copies `size` bytes of the backup into a new temporary file in `folder`,
-  // syncs it and checks its length.
+  // Copies `size` bytes of the backup into a new temporary file in `folder`
+  // and checks its length (the caller flushes all staged files at once).
   HResult Stage(const platform::File& source, uint64_t offset, uint32_t size,
                 const std::filesystem::path& folder, const std::filesystem::path& target,
                 StagedFile* staged) {
@@ -176,7 +190,6 @@ class Restorer {
       cancelled = true;
       return false;
     });
-    if (r == kOk) r = out.Sync();
     uint64_t written = 0;
     if (r == kOk) r = out.Size(&written);
     if (const HResult closed = out.Close(); r == kOk) r = closed;
@@ -249,10 +262,6 @@ HResult RestoreBackupFile(const RestoreRequest& request, std::string* message,
                           BackupSummary* summary) {
   std::string ignored;
   return Restorer(request, message != nullptr ? message : &ignored).Run(summary);
-}
-
-std::filesystem::path DatabaseLockPath(const std::filesystem::path& database) {
-  return WithSuffix(database, ".lock");
 }
 
 }  // namespace dischive

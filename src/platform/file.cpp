@@ -1,7 +1,6 @@
 #include "platform/file.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -165,39 +164,13 @@ HResult File::Close() {
   return ::close(fd) == 0 || errno == EINTR ? kOk : LastError();
 }
 
-FileLock::FileLock(FileLock&& other) noexcept : fd_(other.fd_) {
-  other.fd_ = -1;
-}
-
-FileLock& FileLock::operator=(FileLock&& other) noexcept {
-  if (this != &other) {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = other.fd_;
-    other.fd_ = -1;
-  }
-  return *this;
-}
-
-FileLock::~FileLock() {
-  if (fd_ >= 0) ::close(fd_);  // closing the descriptor releases the lock
-}
-
-HResult FileLock::TryAcquire(const std::filesystem::path& lock_file, FileLock* lock) {
+HResult SyncFileSystem(const std::filesystem::path& path) {
   int fd = -1;
-  if (const HResult r = OpenFd(lock_file, O_RDWR | O_CREAT, &fd)) return r;
-  int rc;
-  do {
-    rc = ::flock(fd, LOCK_EX | LOCK_NB);
-  } while (rc != 0 && errno == EINTR);
-  if (rc != 0) {
-    const int err = errno;
-    ::close(fd);
-    return err == EWOULDBLOCK ? kErrorLockViolation : HResultFromErrno(err);
-  }
-  FileLock taken;
-  taken.fd_ = fd;
-  *lock = std::move(taken);
-  return kOk;
+  if (const HResult r = OpenFd(path, O_RDONLY, &fd)) return r;
+  const int rc = ::syncfs(fd);
+  const int err = errno;
+  ::close(fd);
+  return rc == 0 ? kOk : HResultFromErrno(err);
 }
 
 HResult SyncFolder(const std::filesystem::path& folder) {

@@ -1,5 +1,5 @@
 // Plain files for bulk copies: open, exclusive create, positioned reads, full
-// writes, in-kernel range copies and advisory whole-file locks. Failures are
+// writes and in-kernel range copies (locks: platform/file_lock.h). Failures are
 // reported as Win32-style codes from HResultFromErrno, so FormatErrorMessage
 // explains them.
 #pragma once
@@ -64,27 +64,9 @@ class File {
 /// ERROR_HANDLE_EOF: a file ended before the expected number of bytes.
 inline constexpr HResult kErrorHandleEof = 0x80070026;
 
-/// An exclusive advisory lock on a lock file (flock), held until destruction.
-class FileLock {
- public:
-  FileLock() = default;
-  FileLock(const FileLock&) = delete;
-  FileLock& operator=(const FileLock&) = delete;
-  FileLock(FileLock&& other) noexcept;
-  FileLock& operator=(FileLock&& other) noexcept;
-  ~FileLock();
-
-  /// Takes the lock without waiting, creating the lock file when missing.
-  /// Fails with kErrorLockViolation when another holder has it.
-  static HResult TryAcquire(const std::filesystem::path& lock_file, FileLock* lock);
-  bool held() const { return fd_ >= 0; }
-
- private:
-  int fd_ = -1;
-};
-
-/// ERROR_LOCK_VIOLATION: the lock is held by another process.
-inline constexpr HResult kErrorLockViolation = 0x80070021;
+/// Flushes every file of the file system that holds `path` to the disk: one
+/// call in place of a sync of each of many small files.
+HResult SyncFileSystem(const std::filesystem::path& path);
 
 /// Flushes a folder's entries (after renames into it) to the disk.
 HResult SyncFolder(const std::filesystem::path& folder);

@@ -5,7 +5,8 @@
 #include <string>
 
 #include "backup/archive.h"
-#include "platform/file.h"
+#include "dischive/sqlite_catalog.h"
+#include "platform/file_lock.h"
 #include "support/temp_dir.h"
 
 namespace dischive {
@@ -118,12 +119,12 @@ TEST(BackupWrite, RefusalsLeaveNothingBehind) {
 
   // Another process writing (holding the lock) stops a backup by path.
   platform::FileLock writer;
-  ASSERT_EQ(platform::FileLock::TryAcquire(DatabaseLockPath(dir / "a.dab"), &writer), kOk);
+  ASSERT_EQ(writer.TryLock(CatalogLockPath(dir / "a.dab")), 0);
   std::string message;
-  EXPECT_EQ(Backup(Request(dir / "a.dab", dir / "x.dhb"), &message), platform::kErrorLockViolation);
+  EXPECT_EQ(Backup(Request(dir / "a.dab", dir / "x.dhb"), &message), kCatalogLocked);
   EXPECT_EQ(message, "another program is writing to " + (dir / "a.dab").string());
   EXPECT_FALSE(std::filesystem::exists(dir / "x.dhb"));
-  writer = platform::FileLock();
+  writer.Release();
 
   // A write-ahead log with content means the file alone is not the database.
   WriteFile(dir / "a.dab-wal", "pending");

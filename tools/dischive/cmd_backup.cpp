@@ -35,7 +35,7 @@ struct BackupOptions {
 };
 
 int RunBackup(const Context& context, const BackupOptions& options) {
-  std::unique_ptr<CatalogEngine> catalog = OpenCliCatalog(context, options.db, true);
+  std::unique_ptr<CatalogEngine> catalog = OpenCliCatalog(context, options.db, false);
   BackupRequest request;
   request.catalog = catalog.get();
   request.database = catalog->path();
@@ -144,7 +144,8 @@ struct RestoreOptions {
 int RunRestore(const Context& context, const RestoreOptions& options) {
   RestoreRequest request;
   request.backup = options.file;
-  request.database = options.db.empty() ? DefaultCliDatabasePath(context) : options.db;
+  request.database =
+      options.db.empty() ? DefaultCliDatabase(context) : std::filesystem::path(options.db);
   request.covers_folder = options.covers_folder;
   request.replace_existing = options.force;
   request.keep_previous = !options.no_keep;
