@@ -184,6 +184,17 @@ class Restorer {
     }
     staged->target = target;
     staged->size = size;
+    // Temporary files are private; the result gets the permissions of the file
+    // it replaces, or those of a newly made file.
+    std::error_code ec;
+    const std::filesystem::file_status current = std::filesystem::status(target, ec);
+    std::filesystem::permissions(
+        staged->temporary,
+        std::filesystem::exists(current)
+            ? current.permissions()
+            : std::filesystem::perms::owner_read | std::filesystem::perms::owner_write |
+                  std::filesystem::perms::group_read | std::filesystem::perms::others_read,
+        ec);
     bool cancelled = false;
     HResult r = out.CopyFrom(source, offset, size, [&](uint64_t copied) {
       if (!request_.progress || request_.progress(done_ + copied, total_)) return true;
@@ -239,8 +250,11 @@ class Restorer {
       *previous = bak;
       std::filesystem::remove(WithSuffix(bak, "-wal"), ec);
       std::filesystem::remove(WithSuffix(bak, "-shm"), ec);
-      if (std::filesystem::exists(wal, ec)) {
+      // A log with content belongs to the kept file; an empty one is dropped.
+      if (std::filesystem::file_size(wal, ec) > 0 && !ec) {
         std::filesystem::rename(wal, WithSuffix(bak, "-wal"), ec);
+      } else {
+        std::filesystem::remove(wal, ec);
       }
     } else {
       std::filesystem::remove(database, ec);

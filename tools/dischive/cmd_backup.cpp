@@ -77,14 +77,16 @@ int RunBackup(const Context& context, const BackupOptions& options) {
 }
 
 int RunInfo(const Context& context, const std::string& file) {
-  BackupMetadata metadata;
-  bool found = false;
-  if (!ReadBackupInfo(file, &metadata, &found)) {
+  if (!ReadBackupInfo(file)) {
     std::error_code ec;
     throw CommandError(kExitFailure, std::filesystem::exists(file, ec)
-                                         ? file + " is not a backup file or its end is damaged"
+                                         ? file + " is not a backup file"
                                          : file + " does not exist");
   }
+  // A damaged metadata section is reported below with the rest of the check.
+  BackupMetadata metadata;
+  bool found = false;
+  ReadBackupInfo(file, &metadata, &found);
   BackupContents contents;
   std::string problem;
   const bool complete = InspectBackup(file, &contents, &problem) == kOk;
@@ -127,7 +129,8 @@ int RunInfo(const Context& context, const std::string& file) {
       }
       std::cout << "Status: complete\n";
     } else {
-      std::cout << "Status: damaged: " << problem << '\n';
+      std::cout << "Status: damaged\n"
+                << "Problem: " << problem << '\n';
     }
   }
   return complete ? kExitOk : kExitFailure;
