@@ -175,7 +175,10 @@ class Restorer {
                 const std::filesystem::path& folder, const std::filesystem::path& target,
                 StagedFile* staged) {
     platform::File out;
-    const std::string prefix = "." + target.filename().string() + ".restore-";
+    // Hidden, and not matching "*.jpg", while it is incomplete.
+    std::string prefix = target.filename().string();
+    prefix.insert(0, 1, '.');
+    prefix += ".restore-";
     if (const HResult r =
             platform::File::CreateTemporary(folder, prefix, &out, &staged->temporary)) {
       return Fail(

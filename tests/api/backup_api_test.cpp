@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "dhvapi.h"
+#include "dischive/sqlite_catalog.h"
 #include "support/temp_dir.h"
 
 namespace dischive {
@@ -51,6 +52,18 @@ TEST(BackupApi, WriteAndReadBackThroughTheExports) {
   std::memset(&info, 0, sizeof(info));
   EXPECT_EQ(read(db.c_str(), &info), 0);
   EXPECT_EQ(info.version, 0u);
+
+  // A real catalogue: refused while a writer has it open, then backed up.
+  const std::string catalogue = (dir / "Real.dab").string();
+  const std::string second = (dir / "real.dhb").string();
+  std::unique_ptr<CatalogEngine> writer = OpenSqliteCatalog(catalogue, CatalogOpenMode::kCreate);
+  ASSERT_NE(writer, nullptr);
+  ASSERT_EQ(writer->SetDatabaseProperty("db_opts", "k", "v"), kOk);
+  EXPECT_EQ(write(catalogue.c_str(), nullptr, second.c_str(), 0), 0);
+  EXPECT_FALSE(std::filesystem::exists(second));
+  writer.reset();
+  EXPECT_EQ(write(catalogue.c_str(), nullptr, second.c_str(), 0), 1);
+  EXPECT_NE(ReadFile(second).find("\x05#INCR\x05#META"), std::string::npos);
   ::dlclose(library);
 }
 
