@@ -174,6 +174,10 @@ class Restorer {
   HResult Stage(const platform::File& source, uint64_t offset, uint32_t size,
                 const std::filesystem::path& folder, const std::filesystem::path& target,
                 StagedFile* staged) {
+    std::error_code ec;
+    if (std::filesystem::is_directory(target, ec)) {
+      return Fail(kErrorFileExists, fmt::format("{} is a folder", target.string()), message_);
+    }
     platform::File out;
     // Hidden, and not matching "*.jpg", while it is incomplete.
     std::string prefix = target.filename().string();
@@ -189,7 +193,6 @@ class Restorer {
     staged->size = size;
     // Temporary files are private; the result gets the permissions of the file
     // it replaces, or those of a newly made file.
-    std::error_code ec;
     const std::filesystem::file_status current = std::filesystem::status(target, ec);
     std::filesystem::permissions(
         staged->temporary,

@@ -76,6 +76,8 @@ TEST(BackupWrite, CoversAreJpgFilesOfAnyCaseSortedByName) {
   WriteFile(dir / "c" / "jpg", "no extension");
   std::filesystem::create_directories(dir / "c" / "folder.jpg");
   std::filesystem::create_symlink(dir / "c" / "a.jpg", dir / "c" / "link.jpg");
+  WriteFile(dir / "c" / "huge.jpg", "");
+  std::filesystem::resize_file(dir / "c" / "huge.jpg", 1ull << 32);  // sparse, too big to embed
 
   BackupRequest request = Request(dir / "a.dab", dir / "b.dhb", dir / "c", true);
   BackupSummary summary;
@@ -93,6 +95,8 @@ TEST(BackupWrite, RefusalsLeaveNothingBehind) {
   TempDir dir;
   WriteFile(dir / "a.dab", "database");
   WriteFile(dir / "taken.dhb", "someone's file");
+  WriteFile(dir / "huge.dab", "");
+  std::filesystem::resize_file(dir / "huge.dab", 1ull << 32);
 
   struct Case {
     const char* what;
@@ -107,6 +111,8 @@ TEST(BackupWrite, RefusalsLeaveNothingBehind) {
        (dir / "taken.dhb").string() + " already exists"},
       {"missing database", Request(dir / "none.dab", dir / "x.dhb"), HResult{0x80070002},
        "cannot read " + (dir / "none.dab").string() + ": "},
+      {"database over 4 GiB", Request(dir / "huge.dab", dir / "x.dhb"), kInvalidArgument,
+       (dir / "huge.dab").string() + " is 4294967296 bytes; a backup file holds at most 4 GiB - 1"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);

@@ -163,6 +163,14 @@ TEST(BackupRestore, ReplacesOnlyWhenAskedAndKeepsThePrevious) {
   };
   EXPECT_EQ(Snapshot(dir.path()), expected);
 
+  // A folder in the way of a cover stops the restore before anything moves.
+  std::filesystem::create_directories(dir / "blocked" / "one.jpg");
+  request.covers_folder = dir / "blocked";
+  EXPECT_EQ(RestoreBackupFile(request, &message), kErrorFileExists);
+  EXPECT_EQ(message, (dir / "blocked" / "one.jpg").string() + " is a folder");
+  std::filesystem::remove_all(dir / "blocked");
+  EXPECT_EQ(Snapshot(dir.path()), expected);
+
   request.keep_previous = false;
   request.covers_folder = dir / "elsewhere";
   ASSERT_EQ(RestoreBackupFile(request, &message, &summary), kOk) << message;
