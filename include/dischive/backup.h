@@ -41,8 +41,8 @@ struct BackupMetadata {
 using BackupProgress = std::function<bool(uint64_t done, uint64_t total)>;
 
 struct BackupRequest {
-  /// The database file. May be left empty when `catalog` is given; an empty
-  /// path is refused otherwise.
+  /// The database file. May be left empty when `catalog` is given (and must
+  /// then be the same file); an empty path is refused otherwise.
   std::filesystem::path database;
   /// The open engine of `database`, if the caller has one: its writing is
   /// suspended (write-ahead log checkpointed, writers held off) during the copy.

@@ -187,6 +187,15 @@ HResult WriteBackupFile(const BackupRequest& request, std::string* message,
                                              ? request.catalog->path()
                                              : request.database;
   if (database.empty()) return Fail(kInvalidArgument, "no database file given", message);
+  if (request.catalog != nullptr && database != request.catalog->path()) {
+    std::error_code ec;
+    if (!std::filesystem::equivalent(database, request.catalog->path(), ec)) {
+      return Fail(kInvalidArgument,
+                  fmt::format("{} is not the open catalogue {}", database.string(),
+                              request.catalog->path().string()),
+                  message);
+    }
+  }
   if (request.backup.empty()) return Fail(kInvalidArgument, "no backup file given", message);
 
   DatabaseHold hold;
