@@ -179,6 +179,14 @@ class CatalogEngine {
   /// Removes an album with its volumes, tracks and covers.
   virtual HResult DeleteAlbum(std::string_view album_id) = 0;
 
+  /// Groups the writes that follow into one transaction until CommitBatch, for
+  /// bulk work (imports, library scans): far faster than one transaction per
+  /// album, and other processes see the albums only at the commit. Batches
+  /// nest; a write that fails inside a batch is undone alone. A batch still
+  /// open when the engine is destroyed is committed. See CatalogBatch.
+  virtual HResult BeginBatch() = 0;
+  virtual HResult CommitBatch() = 0;
+
   // Single properties of a volume (index 0) or of its track n (index n) ---------
 
   virtual std::optional<PropertyValue> GetVolumeProperty(uint32_t record_id, field::FieldId id,
@@ -233,6 +241,30 @@ class CatalogEngine {
   /// A one-line explanation of the last failure returned by this engine (empty
   /// when none), for messages to the user.
   virtual std::string LastErrorText() const = 0;
+};
+
+/// Holds a batch of writes open for a scope (CatalogEngine::BeginBatch) and
+/// commits it at the end of the scope or at Commit().
+class CatalogBatch {
+ public:
+  explicit CatalogBatch(CatalogEngine& engine) : engine_(engine) {
+    open_ = engine_.BeginBatch() == kOk;
+  }
+  ~CatalogBatch() { Commit(); }
+  CatalogBatch(const CatalogBatch&) = delete;
+  CatalogBatch& operator=(const CatalogBatch&) = delete;
+  /// Commits now; returns 0 or a failure code (also when the batch never opened).
+  HResult Commit() {
+    if (!open_) return result_;
+    open_ = false;
+    result_ = engine_.CommitBatch();
+    return result_;
+  }
+
+ private:
+  CatalogEngine& engine_;
+  bool open_ = false;
+  HResult result_ = kFail;
 };
 
 }  // namespace dischive
