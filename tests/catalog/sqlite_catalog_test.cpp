@@ -398,5 +398,66 @@ TEST(SqliteCatalogTest, CorruptPagesThrowFatalDatabaseError) {
   EXPECT_THROW(cat->ForEachAlbum([](const AlbumRecord&) { return true; }), FatalDatabaseError);
 }
 
+TEST(SqliteCatalogTest, BatchesCommitTogetherAndFailuresStayAlone) {
+  TempDir dir;
+  const auto path = dir / "c.dab";
+  auto writer = Open(path, CatalogOpenMode::kCreate);
+  auto reader = Open(path, CatalogOpenMode::kReadOnly);
+  ASSERT_TRUE(writer && reader);
+  EXPECT_EQ(writer->CommitBatch(), kInvalidArgument);
+  {
+    CatalogBatch batch(*writer);
+    AlbumRecord first = SampleAlbum();
+    ASSERT_EQ(writer->WriteAlbum(first, WriteMode::kReplace), kOk);
+    AlbumRecord clash = SampleAlbum();  // same volume ids: refused, alone
+    EXPECT_EQ(writer->WriteAlbum(clash, WriteMode::kReplace), kInvalidArgument);
+    EXPECT_EQ(writer->SuspendWriting(), kCatalogLocked);
+    EXPECT_EQ(writer->AlbumCount(), 1u);
+    EXPECT_EQ(reader->AlbumCount(), 0u);  // not committed yet
+    EXPECT_EQ(batch.Commit(), kOk);
+  }
+  EXPECT_EQ(reader->AlbumCount(), 1u);
+  // A batch left open is committed when the engine closes.
+  ASSERT_EQ(writer->BeginBatch(), kOk);
+  AlbumRecord second;
+  second.properties.Set(field::kTitle, "Second");
+  ASSERT_EQ(writer->WriteAlbum(second, WriteMode::kReplace), kOk);
+  writer.reset();
+  EXPECT_EQ(reader->AlbumCount(), 2u);
+  EXPECT_EQ(reader->BeginBatch(), kCatalogReadOnly);
+}
+
+TEST(SqliteCatalogTest, DamagedRecordThrowsFatalDatabaseError) {
+  TempDir dir;
+  const auto path = dir / "c.dab";
+  AlbumRecord album = SampleAlbum();
+  {
+    auto cat = Open(path, CatalogOpenMode::kCreate);
+    ASSERT_TRUE(cat);
+    ASSERT_EQ(cat->WriteAlbum(album, WriteMode::kReplace), kOk);
+  }
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db,
+                         "UPDATE volumes SET tracks = x'01000000020000000900' "
+                         "WHERE record_id = 305419778",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(db);
+  auto cat = Open(path, CatalogOpenMode::kReadOnly);
+  ASSERT_TRUE(cat);
+  try {
+    cat->ReadVolume(0x12345602);
+    ADD_FAILURE() << "no exception";
+  } catch (const FatalDatabaseError& e) {
+    EXPECT_EQ(e.path(), path.string());
+    EXPECT_NE(std::string(e.what()).find("damaged record: volume 12345602"), std::string::npos)
+        << e.what();
+  }
+  EXPECT_THROW(cat->ReadAlbum(album.id), FatalDatabaseError);
+  // The undamaged volume still reads.
+  EXPECT_TRUE(cat->ReadVolume(0x8A0B2D05));
+}
+
 }  // namespace
 }  // namespace dischive::test
