@@ -53,6 +53,23 @@ TEST(RecordCodecTest, RoundTripsAndRefusesDamagedBytes) {
     EXPECT_EQ(DecodeTracks(track_bytes.substr(0, size), &out), size == 0 || size == first_track)
         << size;
   }
+  // A whole album: every shorter prefix is refused.
+  album.various_artists = true;
+  album.properties = properties;
+  VolumeRecord volume;
+  volume.record_id = 0xABCDEF01;
+  volume.title = "Disc";
+  volume.tracks = tracks;
+  album.volumes = {volume, volume};
+  const std::string album_bytes = EncodeAlbum(album);
+  AlbumRecord album_back;
+  ASSERT_TRUE(DecodeAlbum(album_bytes, &album_back));
+  EXPECT_EQ(album_back, album);
+  for (size_t size = 0; size < album_bytes.size(); ++size) {
+    AlbumRecord out;
+    EXPECT_FALSE(DecodeAlbum(album_bytes.substr(0, size), &out)) << size;
+  }
+
   const struct {
     const char* what;
     std::string bytes;

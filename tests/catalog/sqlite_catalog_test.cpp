@@ -162,6 +162,15 @@ TEST(SqliteCatalogTest, ReplaceAndMergeModes) {
     EXPECT_EQ(cat->WriteAlbum(bad, WriteMode::kReplace), kInvalidArgument) << c.what;
     EXPECT_NE(cat->LastErrorText().find(c.what), std::string::npos) << cat->LastErrorText();
   }
+  AlbumRecord bad_id = replace;
+  bad_id.id = "not-an-identifier";
+  EXPECT_EQ(cat->WriteAlbum(bad_id, WriteMode::kReplace), kInvalidArgument);
+  EXPECT_NE(cat->LastErrorText().find("16 hexadecimal digits"), std::string::npos);
+  AlbumRecord lower;
+  lower.id = "00000000000000ab";  // a given identifier is kept, in upper case
+  ASSERT_EQ(cat->WriteAlbum(lower, WriteMode::kReplace), kOk);
+  EXPECT_EQ(lower.id, "00000000000000AB");
+  EXPECT_EQ(cat->DeleteAlbum("00000000000000ab"), kOk);
   AlbumRecord other;
   other.volumes = {only};
   EXPECT_EQ(cat->WriteAlbum(other, WriteMode::kReplace), kInvalidArgument);
@@ -431,19 +440,25 @@ TEST(SqliteCatalogTest, DamagedRecordThrowsFatalDatabaseError) {
   TempDir dir;
   const auto path = dir / "c.dab";
   AlbumRecord album = SampleAlbum();
+  AlbumRecord intact;
+  intact.properties.Set(field::kTitle, "Intact");
   {
     auto cat = Open(path, CatalogOpenMode::kCreate);
     ASSERT_TRUE(cat);
     ASSERT_EQ(cat->WriteAlbum(album, WriteMode::kReplace), kOk);
+    ASSERT_EQ(cat->WriteAlbum(intact, WriteMode::kReplace), kOk);
   }
+  // Cut the last bytes off one album's record, as a foreign writer might.
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(db,
-                         "UPDATE volumes SET tracks = x'01000000020000000900' "
-                         "WHERE record_id = 305419778",
-                         nullptr, nullptr, nullptr),
-            SQLITE_OK);
+  const std::string sql =
+      "UPDATE albums SET record = substr(record, 1, length(record) - 5) "
+      "WHERE id = '" +
+      album.id + "'";
+  const int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
   sqlite3_close(db);
+  ASSERT_EQ(rc, SQLITE_OK);
+
   auto cat = Open(path, CatalogOpenMode::kReadOnly);
   ASSERT_TRUE(cat);
   try {
@@ -451,12 +466,12 @@ TEST(SqliteCatalogTest, DamagedRecordThrowsFatalDatabaseError) {
     ADD_FAILURE() << "no exception";
   } catch (const FatalDatabaseError& e) {
     EXPECT_EQ(e.path(), path.string());
-    EXPECT_NE(std::string(e.what()).find("damaged record: volume 12345602"), std::string::npos)
+    EXPECT_NE(std::string(e.what()).find("damaged record: album " + album.id), std::string::npos)
         << e.what();
   }
   EXPECT_THROW(cat->ReadAlbum(album.id), FatalDatabaseError);
-  // The undamaged volume still reads.
-  EXPECT_TRUE(cat->ReadVolume(0x8A0B2D05));
+  EXPECT_THROW(cat->ForEachAlbum([](const AlbumRecord&) { return true; }), FatalDatabaseError);
+  EXPECT_EQ(cat->ReadAlbum(intact.id)->properties.Text(field::kTitle), "Intact");
 }
 
 }  // namespace
