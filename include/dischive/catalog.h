@@ -162,9 +162,9 @@ class CatalogEngine {
   virtual size_t AlbumCount() = 0;
   /// Numbers of albums, volumes, tracks, covers and artist entries.
   virtual CatalogCounts Counts() = 0;
-  /// Visits every album in a stable order (by identifier), one at a time so
-  /// that memory does not grow with the catalogue; stops when `visit` returns
-  /// false. Returns 0 or a failure code.
+  /// Visits every album in a stable order (the order in which the albums were
+  /// first stored), one at a time so that memory does not grow with the
+  /// catalogue; stops when `visit` returns false. Returns 0 or a failure code.
   virtual HResult ForEachAlbum(const std::function<bool(const AlbumRecord&)>& visit) = 0;
   /// One album by identifier.
   virtual std::optional<AlbumRecord> ReadAlbum(std::string_view album_id) = 0;

@@ -2,10 +2,10 @@
 // mode. An album is one row: its flags, its properties by field id, its name
 // lists and its volumes with their tracks are kept in one column
 // (record_codec.h), so that new fields need no schema change and an album is
-// written and read as one row. The row id is the 64-bit value of the album's
-// identifier, so that walking the table in row order visits the albums in
-// identifier order, reading the file front to back. A small table maps each
-// volume's record id to its album. One process writes at a time: a writer
+// written and read as one row. New albums are appended (row ids ascend), and
+// the catalogue is walked in row order, so that a walk reads the file front to
+// back; small indexes find an album by identifier and a volume's album by the
+// volume's record id. One process writes at a time: a writer
 // holds an flock on the lock file beside the database while it has it open.
 #include <fmt/format.h>
 
@@ -44,7 +44,7 @@ constexpr int kSchemaVersion = 1;
 constexpr const char* kSchema = R"sql(
 CREATE TABLE albums(
   aid INTEGER PRIMARY KEY,
-  id TEXT NOT NULL,
+  id TEXT NOT NULL UNIQUE,
   modified INTEGER NOT NULL DEFAULT 0,
   record BLOB NOT NULL);
 CREATE TABLE volumes(
@@ -143,18 +143,21 @@ struct Statements {
   explicit Statements(Connection& c)
       : count_albums(c, "SELECT count(*) FROM albums"),
         album_row(c, "SELECT aid, id, modified, record FROM albums WHERE aid = ?1"),
+        album_by_id(c, "SELECT aid, id, modified, record FROM albums WHERE id = ?1"),
         volume_album(c, "SELECT aid FROM volumes WHERE record_id = ?1"),
-        write_album(c,
-                    "INSERT INTO albums(aid, id, modified, record) VALUES(?1, ?2, ?3, ?4) "
-                    "ON CONFLICT(aid) DO UPDATE SET modified = excluded.modified, "
-                    "record = excluded.record"),
+        album_id_of_volume(c,
+                           "SELECT a.id FROM volumes v JOIN albums a ON a.aid = v.aid "
+                           "WHERE v.record_id = ?1"),
+        insert_album(c, "INSERT INTO albums(id, modified, record) VALUES(?1, ?2, ?3)"),
+        update_album(c, "UPDATE albums SET modified = ?2, record = ?3 WHERE aid = ?1"),
+        id_exists(c, "SELECT 1 FROM albums WHERE id = ?1"),
+        delete_album_by_id(c, "DELETE FROM albums WHERE id = ?1"),
         touch_album(c, "UPDATE albums SET modified = ?2 WHERE aid = ?1"),
         album_volume_ids(c, "SELECT record_id FROM volumes WHERE aid = ?1"),
         write_volume(c,
                      "INSERT INTO volumes(record_id, aid, track_count) VALUES(?1, ?2, ?3) "
                      "ON CONFLICT(record_id) DO UPDATE SET track_count = excluded.track_count"),
         delete_volume(c, "DELETE FROM volumes WHERE record_id = ?1"),
-        delete_album(c, "DELETE FROM albums WHERE aid = ?1"),
         read_cover(c, "SELECT bytes FROM covers WHERE record_id = ?1"),
         write_cover(c, "INSERT OR REPLACE INTO covers(record_id, bytes) VALUES(?1, ?2)"),
         delete_cover(c, "DELETE FROM covers WHERE record_id = ?1"),
@@ -178,36 +181,23 @@ struct Statements {
         get_meta(c, "SELECT value FROM meta WHERE key = ?1"),
         set_meta(c, "INSERT OR REPLACE INTO meta(key, value) VALUES(?1, ?2)") {}
 
-  Statement count_albums, album_row, volume_album, write_album, touch_album, album_volume_ids,
-      write_volume, delete_volume, delete_album, read_cover, write_cover, delete_cover,
-      list_artists, artist_alt_names, artist_links, delete_artist, insert_artist, insert_alt_name,
-      insert_link, get_db_prop, set_db_prop, delete_db_prop, list_db_props, get_meta, set_meta;
+  Statement count_albums, album_row, album_by_id, volume_album, album_id_of_volume, insert_album,
+      update_album, id_exists, delete_album_by_id, touch_album, album_volume_ids, write_volume,
+      delete_volume, read_cover, write_cover, delete_cover, list_artists, artist_alt_names,
+      artist_links, delete_artist, insert_artist, insert_alt_name, insert_link, get_db_prop,
+      set_db_prop, delete_db_prop, list_db_props, get_meta, set_meta;
 };
 
-// The row id of an album: the value of its 16 hexadecimal digits with the
-// top bit flipped, so that signed row order is identifier order. Empty when
-// the identifier is not 16 hexadecimal digits.
-std::optional<int64_t> AlbumRowId(std::string_view id) {
+// An album identifier in its stored form (16 upper-case hexadecimal digits);
+// empty when the text is not 16 hexadecimal digits.
+std::optional<std::string> NormalAlbumId(std::string_view id) {
   if (id.size() != 16) return std::nullopt;
-  uint64_t value = 0;
-  for (const char c : id) {
-    int digit;
-    if (c >= '0' && c <= '9') {
-      digit = c - '0';
-    } else if (c >= 'A' && c <= 'F') {
-      digit = c - 'A' + 10;
-    } else if (c >= 'a' && c <= 'f') {
-      digit = c - 'a' + 10;
-    } else {
-      return std::nullopt;
-    }
-    value = value << 4 | static_cast<uint64_t>(digit);
+  std::string out(id);
+  for (char& c : out) {
+    if (c >= 'a' && c <= 'f') c = static_cast<char>(c - 'a' + 'A');
+    if (!((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))) return std::nullopt;
   }
-  return static_cast<int64_t>(value ^ 0x8000000000000000u);
-}
-
-std::string AlbumIdText(int64_t aid) {
-  return fmt::format("{:016X}", static_cast<uint64_t>(aid) ^ 0x8000000000000000u);
+  return out;
 }
 
 // A failure with its result code and message, raised inside a write and
@@ -325,8 +315,8 @@ class SqliteCatalog final : public CatalogEngine {
     std::optional<AlbumRecord> result;
     Guard([&] {
       AlbumRecord album;
-      const std::optional<int64_t> aid = AlbumRowId(album_id);
-      if (aid && LoadAlbum(*aid, &album)) result = std::move(album);
+      const std::optional<std::string> id = NormalAlbumId(album_id);
+      if (id && FindAlbum(*id, &album)) result = std::move(album);
     });
     return result;
   }
@@ -335,7 +325,10 @@ class SqliteCatalog final : public CatalogEngine {
     std::lock_guard lock(mutex_);
     std::optional<std::string> result;
     Guard([&] {
-      if (const std::optional<int64_t> aid = AlbumOfVolume(record_id)) result = AlbumIdText(*aid);
+      Statement& s = st_->album_id_of_volume;
+      ResetGuard reset(s);
+      s.Bind(1, int64_t{record_id});
+      if (s.Step()) result = s.Text(0);
     });
     return result;
   }
@@ -361,18 +354,19 @@ class SqliteCatalog final : public CatalogEngine {
       const uint32_t now = Now();
       std::optional<int64_t> aid;
       AlbumRecord stored;
-      bool exists = false;
+      std::string id;
       if (album.id.empty()) {
-        aid = NewAlbumRowId();
+        id = NewAlbumId();
       } else {
-        aid = AlbumRowId(album.id);
-        if (!aid) {
+        const std::optional<std::string> normal = NormalAlbumId(album.id);
+        if (!normal) {
           throw Refusal{kInvalidArgument,
                         "album identifier \"" + album.id + "\" is not 16 hexadecimal digits"};
         }
-        exists = LoadAlbum(*aid, &stored);
+        id = *normal;
+        aid = FindAlbum(id, &stored);
       }
-      const std::string id = AlbumIdText(*aid);
+      const bool exists = aid.has_value();
       AlbumRecord result;
       if (exists && mode == WriteMode::kMerge) {
         result = std::move(stored);
@@ -385,12 +379,20 @@ class SqliteCatalog final : public CatalogEngine {
       // A volume belongs to one album: refuse one that another album holds.
       for (const VolumeRecord& v : result.volumes) {
         const std::optional<int64_t> owner = AlbumOfVolume(v.record_id);
-        if (owner && *owner != *aid) {
+        if (owner && owner != aid) {
           throw Refusal{kInvalidArgument,
                         fmt::format("volume {:08X} already belongs to another album", v.record_id)};
         }
       }
-      StoreAlbum(*aid, id, now, result);
+      if (exists) {
+        st_->update_album.Bind(1, *aid)
+            .Bind(2, int64_t{now})
+            .BindBlob(3, EncodeAlbum(result))
+            .Run();
+      } else {
+        st_->insert_album.Bind(1, id).Bind(2, int64_t{now}).BindBlob(3, EncodeAlbum(result)).Run();
+        aid = sqlite3_last_insert_rowid(db_.handle());
+      }
       // Volumes the album no longer holds go, with their covers.
       if (exists) {
         std::vector<int64_t> dropped;
@@ -426,9 +428,9 @@ class SqliteCatalog final : public CatalogEngine {
     if (const HResult refused = CheckWritable(lock); refused != kOk) return refused;
     return Guard([&] {
       Transaction transaction(db_);
-      const std::optional<int64_t> aid = AlbumRowId(album_id);
-      if (aid) st_->delete_album.Bind(1, *aid).Run();
-      if (!aid || sqlite3_changes(db_.handle()) == 0) {
+      const std::optional<std::string> id = NormalAlbumId(album_id);
+      if (id) st_->delete_album_by_id.Bind(1, *id).Run();
+      if (!id || sqlite3_changes(db_.handle()) == 0) {
         throw Refusal{kCatalogNotFound, fmt::format("no album {}", album_id)};
       }
       transaction.Commit();
@@ -817,6 +819,16 @@ class SqliteCatalog final : public CatalogEngine {
     return true;
   }
 
+  // The row of the album with this (stored-form) identifier, loaded into *album.
+  std::optional<int64_t> FindAlbum(const std::string& id, AlbumRecord* album) {
+    Statement& s = st_->album_by_id;
+    ResetGuard reset(s);
+    s.Bind(1, id);
+    if (!s.Step()) return std::nullopt;
+    FillAlbum(s, *album);
+    return s.Int(0);
+  }
+
   std::optional<int64_t> AlbumOfVolume(uint32_t record_id) {
     Statement& s = st_->volume_album;
     ResetGuard reset(s);
@@ -827,31 +839,24 @@ class SqliteCatalog final : public CatalogEngine {
 
   // Loads the album that holds the volume into *album and returns the volume
   // in it, or nullptr when there is no such volume.
-  VolumeRecord* LoadVolume(uint32_t record_id, AlbumRecord* album) {
+  VolumeRecord* LoadVolume(uint32_t record_id, AlbumRecord* album, int64_t* row = nullptr) {
     const std::optional<int64_t> aid = AlbumOfVolume(record_id);
     if (!aid || !LoadAlbum(*aid, album)) return nullptr;
+    if (row != nullptr) *row = *aid;
     for (VolumeRecord& v : album->volumes) {
       if (v.record_id == record_id) return &v;
     }
     Damaged(fmt::format("volume {:08X} is missing from album {}", record_id, album->id));
   }
 
-  int64_t NewAlbumRowId() {
+  std::string NewAlbumId() {
     for (;;) {
-      const std::optional<int64_t> aid = AlbumRowId(NewRandomIdentifier());
-      Statement& s = st_->album_row;
+      std::string id = NewRandomIdentifier();
+      Statement& s = st_->id_exists;
       ResetGuard reset(s);
-      s.Bind(1, *aid);
-      if (!s.Step()) return *aid;
+      s.Bind(1, id);
+      if (!s.Step()) return id;
     }
-  }
-
-  void StoreAlbum(int64_t aid, const std::string& id, uint32_t now, const AlbumRecord& album) {
-    st_->write_album.Bind(1, aid)
-        .Bind(2, id)
-        .Bind(3, int64_t{now})
-        .BindBlob(4, EncodeAlbum(album))
-        .Run();
   }
 
   // Changes the properties of a volume (index 0) or of one of its tracks;
@@ -863,7 +868,8 @@ class SqliteCatalog final : public CatalogEngine {
     return Guard([&] {
       Transaction transaction(db_);
       AlbumRecord album;
-      VolumeRecord* v = LoadVolume(record_id, &album);
+      int64_t aid = 0;
+      VolumeRecord* v = LoadVolume(record_id, &album, &aid);
       if (v == nullptr) throw Refusal{kCatalogNotFound, fmt::format("no volume {:08X}", record_id)};
       PropertySet* properties = PropertiesAt(*v, index);
       if (properties == nullptr) {
@@ -871,9 +877,10 @@ class SqliteCatalog final : public CatalogEngine {
                       fmt::format("volume {:08X} has no track {}", record_id, index)};
       }
       if (edit(*properties)) {
-        const std::optional<int64_t> aid = AlbumRowId(album.id);
-        if (!aid) Damaged("album " + album.id);
-        StoreAlbum(*aid, album.id, Now(), album);
+        st_->update_album.Bind(1, aid)
+            .Bind(2, int64_t{Now()})
+            .BindBlob(3, EncodeAlbum(album))
+            .Run();
       }
       transaction.Commit();
     });
