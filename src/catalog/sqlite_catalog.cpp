@@ -364,7 +364,8 @@ class SqliteCatalog final : public CatalogEngine {
                         "album identifier \"" + album.id + "\" is not 16 hexadecimal digits"};
         }
         id = *normal;
-        aid = FindAlbum(id, &stored);
+        // Replace mode needs only to know that the album exists.
+        aid = FindAlbum(id, mode == WriteMode::kMerge ? &stored : nullptr);
       }
       const bool exists = aid.has_value();
       AlbumRecord result;
@@ -374,8 +375,9 @@ class SqliteCatalog final : public CatalogEngine {
       } else {
         result = album;
       }
-      for (VolumeRecord& v : result.volumes)
+      for (VolumeRecord& v : result.volumes) {
         SortTracks(v);
+      }
       // A volume belongs to one album: refuse one that another album holds.
       for (const VolumeRecord& v : result.volumes) {
         const std::optional<int64_t> owner = AlbumOfVolume(v.record_id);
@@ -408,8 +410,9 @@ class SqliteCatalog final : public CatalogEngine {
             }
           }
         }
-        for (const int64_t rid : dropped)
+        for (const int64_t rid : dropped) {
           st_->delete_volume.Bind(1, rid).Run();
+        }
       }
       for (const VolumeRecord& v : result.volumes) {
         st_->write_volume.Bind(1, int64_t{v.record_id})
@@ -819,13 +822,14 @@ class SqliteCatalog final : public CatalogEngine {
     return true;
   }
 
-  // The row of the album with this (stored-form) identifier, loaded into *album.
+  // The row of the album with this (stored-form) identifier, loaded into
+  // *album when given.
   std::optional<int64_t> FindAlbum(const std::string& id, AlbumRecord* album) {
     Statement& s = st_->album_by_id;
     ResetGuard reset(s);
     s.Bind(1, id);
     if (!s.Step()) return std::nullopt;
-    FillAlbum(s, *album);
+    if (album != nullptr) FillAlbum(s, *album);
     return s.Int(0);
   }
 
