@@ -239,12 +239,33 @@ class SqliteCatalog final : public CatalogEngine {
       return kCatalogReadOnly;
     }
     try {
-      db_.Exec("PRAGMA busy_timeout = 5000; PRAGMA cache_size = -8192;");
-      if (writable_) {
-        db_.Exec(
-            "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON;");
-      } else {
-        db_.Exec("PRAGMA query_only = 1;");
+      try {
+        Configure();
+      } catch (const SqlFailure& f) {
+        // A reader of a file in a folder it cannot write (a catalogue on a
+        // read-only disc, a sample shipped with the program) cannot create the
+        // log's shared-memory file. With no log beside the file no writer is
+        // active, and the file can be read as unchanging.
+        std::error_code ec;
+        if (writable_ || (f.code() & 0xFF) != SQLITE_READONLY ||
+            std::filesystem::exists(path_.string() + "-wal", ec)) {
+          throw;
+        }
+        db_.Close();
+        std::string uri = "file:";
+        for (const char c : path_.string()) {
+          if (c == '%' || c == '?' || c == '#') {
+            uri += fmt::format("%{:02X}", static_cast<unsigned char>(c));
+          } else {
+            uri += c;
+          }
+        }
+        uri += "?immutable=1";
+        if (db_.Open(path_, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, message, uri) != SQLITE_OK) {
+          *message = path_.string() + " cannot be opened: " + *message;
+          return kCatalogInvalid;
+        }
+        Configure();
       }
       Statement version(db_, "PRAGMA user_version");
       const int64_t schema = version.Step() ? version.Int(0) : 0;
@@ -262,6 +283,18 @@ class SqliteCatalog final : public CatalogEngine {
   }
 
   const std::filesystem::path& path() const override { return path_; }
+
+  // Settings of the connection; the first read of the file happens here.
+  void Configure() {
+    db_.Exec("PRAGMA busy_timeout = 5000; PRAGMA cache_size = -8192;");
+    if (writable_) {
+      db_.Exec("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON;");
+    } else {
+      db_.Exec("PRAGMA query_only = 1;");
+    }
+    Statement probe(db_, "SELECT count(*) FROM sqlite_master");
+    probe.Step();
+  }
 
   size_t AlbumCount() override {
     std::lock_guard lock(mutex_);
