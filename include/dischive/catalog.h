@@ -152,6 +152,7 @@ struct CatalogCounts {
   size_t tracks = 0;
   size_t covers = 0;
   size_t artists = 0;
+  bool operator==(const CatalogCounts&) const = default;
 };
 
 class CatalogEngine {
@@ -165,8 +166,22 @@ class CatalogEngine {
 
   /// Number of album groups.
   virtual size_t AlbumCount() = 0;
-  /// Numbers of albums, volumes, tracks, covers and artist entries.
-  virtual CatalogCounts Counts() = 0;
+  /// Numbers of albums, volumes, tracks, covers and artist entries. The
+  /// default walks the catalogue; engines answer from their indexes.
+  virtual CatalogCounts Counts() {
+    CatalogCounts counts;
+    ForEachAlbum([&](const AlbumRecord& album) {
+      ++counts.albums;
+      for (const VolumeRecord& v : album.volumes) {
+        ++counts.volumes;
+        counts.tracks += v.tracks.size();
+        if (ReadCover(v.record_id)) ++counts.covers;
+      }
+      return true;
+    });
+    counts.artists = Artists().size();
+    return counts;
+  }
   /// Visits every album in a stable order (the order in which the albums were
   /// first stored), one at a time so that memory does not grow with the
   /// catalogue; stops when `visit` returns false. Returns 0 or a failure code.
@@ -193,8 +208,10 @@ class CatalogEngine {
   /// album, and other processes see the albums only at the commit. Batches
   /// nest; a write that fails inside a batch is undone alone. A batch still
   /// open when the engine is destroyed is committed. See CatalogBatch.
-  virtual HResult BeginBatch() = 0;
-  virtual HResult CommitBatch() = 0;
+  /// The defaults commit every write at once (no grouping), which is correct,
+  /// only slower.
+  virtual HResult BeginBatch() { return kOk; }
+  virtual HResult CommitBatch() { return kOk; }
 
   // Single properties of a volume (index 0) or of its track n (index n) ---------
 
@@ -202,7 +219,11 @@ class CatalogEngine {
                                                          uint32_t index) = 0;
   virtual HResult SetVolumeProperty(uint32_t record_id, field::FieldId id, uint32_t index,
                                     const PropertyValue& value) = 0;
-  virtual HResult RemoveVolumeProperty(uint32_t record_id, field::FieldId id, uint32_t index) = 0;
+  /// Removes one property (kFail from an engine that cannot remove properties).
+  virtual HResult RemoveVolumeProperty(uint32_t record_id, field::FieldId id, uint32_t index) {
+    (void)record_id, (void)id, (void)index;
+    return kFail;
+  }
 
   // Covers: the image bytes stored under a volume's "cover" stream ------------
 
@@ -218,7 +239,10 @@ class CatalogEngine {
   /// Adds or replaces the entry with the same name.
   virtual HResult WriteArtist(const ArtistEntry& artist) = 0;
   /// Removes the entry with this name (1168, ERROR_NOT_FOUND, when absent).
-  virtual HResult RemoveArtist(std::string_view name) = 0;
+  virtual HResult RemoveArtist(std::string_view name) {
+    (void)name;
+    return kFail;
+  }
 
   // Database properties by group and key ("db_opts", "medialib") ----------------
 
@@ -229,7 +253,10 @@ class CatalogEngine {
   virtual HResult RemoveDatabaseProperty(std::string_view group, std::string_view key) = 0;
   /// Every property of a group, by key (ascending, without regard to case).
   virtual std::vector<std::pair<std::string, std::string>> DatabaseProperties(
-      std::string_view group) = 0;
+      std::string_view group) {
+    (void)group;
+    return {};
+  }
 
   /// The text of a user list ("\n"-separated entries): the stored one, else the
   /// built-in default for the key.
@@ -249,7 +276,7 @@ class CatalogEngine {
 
   /// A one-line explanation of the last failure returned by this engine (empty
   /// when none), for messages to the user.
-  virtual std::string LastErrorText() const = 0;
+  virtual std::string LastErrorText() const { return {}; }
 };
 
 /// Holds a batch of writes open for a scope (CatalogEngine::BeginBatch) and

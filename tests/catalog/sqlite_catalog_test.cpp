@@ -209,6 +209,9 @@ TEST(SqliteCatalogTest, SinglePropertiesAndCovers) {
   EXPECT_FALSE(cat->ReadCover(0x12345602));
   EXPECT_EQ(cat->WriteCover(0x12345602, jpeg), kOk);
   EXPECT_EQ(cat->ReadCover(0x12345602), jpeg);
+  // The engine's indexes agree with a walk over the albums themselves.
+  EXPECT_EQ(cat->Counts(), (CatalogCounts{1, 2, 3, 1, 0}));
+  EXPECT_EQ(cat->CatalogEngine::Counts(), cat->Counts());
   EXPECT_EQ(cat->WriteCover(0x12345602, ""), kOk);
   EXPECT_FALSE(cat->ReadCover(0x12345602));
   EXPECT_EQ(cat->WriteCover(0x5, jpeg), kCatalogNotFound);
