@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "dischive/errors.h"
 #include "dischive/result.h"
 #include "dischive/settings.h"
 
@@ -34,6 +35,10 @@ struct InternetSettings {
 /// Reads the settings as the transport uses them.
 InternetSettings LoadInternetSettings(const SettingsStore& settings);
 
+/// The response grew past HttpRequest::max_body (the transport's "maximum
+/// file size exceeded" code).
+inline constexpr HResult kHttpBodyTooLarge = kCurlErrorBase + 63;
+
 /// Outcomes of the host's prompt for an authentication or certificate problem.
 inline constexpr uint32_t kPromptContinue = 0;   ///< return the response as it is
 inline constexpr uint32_t kPromptRetry = 12032;  ///< send the request again
@@ -52,6 +57,10 @@ struct HttpRequest {
   std::string proxy_bypass;  ///< hosts not to send through the proxy
   std::string agent;         ///< user agent
   HttpPrompt prompt;         ///< the host's prompt; none: 401/407 returned, TLS errors end
+  /// Credentials answered to a 401 (server) or 407 (proxy) challenge; a prompt
+  /// fills them before it asks for a retry. Ignored with no_authentication.
+  std::string user;
+  std::string password;
 
   // The request.
   std::string extra_headers;       ///< CR LF separated headers added or replacing ours
