@@ -45,6 +45,21 @@ inline uint32_t ComputeFreedbDiscId(const DiscToc& toc) {
   return ComputeFreedbDiscId(toc.frame_offsets.data(), toc.track_count, toc.disc_length_seconds);
 }
 
+/// A table of contents from track start offsets (frames) and the disc length in
+/// seconds, with its disc id computed. nullopt, with *error set, when there are
+/// no tracks, more than kMaxDiscTracks, offsets that do not rise, or a length
+/// that ends before the last track starts.
+std::optional<DiscToc> MakeDiscToc(const std::vector<uint32_t>& frame_offsets,
+                                   uint32_t disc_length_seconds, std::string* error);
+/// The one-line form cd-discid prints: "discid ntracks off1 ... offN seconds".
+/// The disc id is computed from the offsets; *stated_id receives the line's own.
+std::optional<DiscToc> ParseDiscIdLine(std::string_view line, std::string* error,
+                                       uint32_t* stated_id = nullptr);
+/// The tracks of a cue sheet with one audio file ("INDEX 01 mm:ss:ff" of each
+/// TRACK, plus the 150-frame lead-in), with the disc length given in seconds.
+std::optional<DiscToc> ParseCueSheet(std::string_view text, uint32_t disc_length_seconds,
+                                     std::string* error);
+
 /// One property of a disc (index 0) or of its track n (index n).
 struct MetadataEntry {
   field::FieldId field_id = 0;
@@ -230,9 +245,11 @@ inline constexpr int kDefaultCddbPort = 8880;
 
 /// Looks every disc of the request up over HTTP (settings "acquire_url",
 /// "email_address", "cddb_proto"), storing each disc's result code. Returns 0,
-/// or kAborted when the host abandoned the request.
+/// or kAborted when the host abandoned the request. `transcript`, when given,
+/// receives every HTTP exchange.
 HResult LookupDiscsFreedb(DiscLookupRequest& request);
-HResult LookupDiscsFreedb(DiscLookupRequest& request, const SettingsStore& settings);
+HResult LookupDiscsFreedb(DiscLookupRequest& request, const SettingsStore& settings,
+                          std::string* transcript = nullptr);
 
 /// Looks every disc of the request up over the CDDB socket protocol (settings
 /// "cddb_server", "cddb_port", "email_address", "cddb_proto"). A connection or

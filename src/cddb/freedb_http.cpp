@@ -50,8 +50,9 @@ std::optional<HttpAddress> ParseHttpAddress(std::string_view url) {
 
 class HttpFreedbSource : public detail::FreedbSource {
  public:
-  explicit HttpFreedbSource(const SettingsStore& settings)
-      : internet_(LoadInternetSettings(settings)),
+  HttpFreedbSource(const SettingsStore& settings, std::string* transcript)
+      : transcript_(transcript),
+        internet_(LoadInternetSettings(settings)),
         address_(ParseHttpAddress(
             settings.GetString(kFreedbSettingsGroup, "acquire_url", DefaultAcquireUrl()))),
         email_(detail::FreedbEmailAddress(settings)),
@@ -88,12 +89,15 @@ class HttpFreedbSource : public detail::FreedbSource {
     request.port = address_->port;
     request.object = address_->path + query;
     request.verb = "GET";
-    if (const HResult r = ExecuteHttpRequest(request, session_); r != kOk) return r;
+    const HResult r = ExecuteHttpRequest(request, session_);
+    if (transcript_ != nullptr) FormatHttpTranscript(*transcript_, request);
+    if (r != kOk) return r;
     if (request.status_code != 200) return kHttpStatusNotOk;
     body = detail::DecodeFreedbText(request.response_body, proto_);
     return kOk;
   }
 
+  std::string* transcript_;
   InternetSettings internet_;
   std::optional<HttpAddress> address_;
   std::string email_;
@@ -103,9 +107,10 @@ class HttpFreedbSource : public detail::FreedbSource {
 
 }  // namespace
 
-HResult LookupDiscsFreedb(DiscLookupRequest& request, const SettingsStore& settings) {
+HResult LookupDiscsFreedb(DiscLookupRequest& request, const SettingsStore& settings,
+                          std::string* transcript) {
   detail::PostProgress(request, 0, LoadHostString(strings::kLookupStarting));
-  HttpFreedbSource source(settings);
+  HttpFreedbSource source(settings, transcript);
   return detail::LookupEachDisc(request, source);
 }
 
