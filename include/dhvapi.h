@@ -27,6 +27,90 @@ typedef uint32_t DHV_RESULT;
  * caller frees it. NULL only when memory runs out. */
 char* DHVAPI_CALL NewRecordIdentifier(void);
 
+/* HTTP transport ------------------------------------------------------------ */
+
+typedef struct HttpRequest HttpRequest;
+
+/* The host's answer to an authentication challenge (error 0, status 401 or 407)
+ * or a certificate problem (error 12037, 12038, 12045, ...): 0 returns the
+ * response as it is, 12032 sends the request again (after the callback filled
+ * user and password, or accepted the certificate), 1223 cancels, anything else
+ * ends the request with that value. */
+typedef uint32_t(DHVAPI_CALL* HttpPromptCallback)(void* context, HttpRequest* request,
+                                                  uint32_t error, uint32_t status);
+
+/* One request and its response. Zero the record, fill it, call
+ * PerformHttpRequest, read the outputs and free the three output buffers with
+ * free(). */
+struct HttpRequest {
+  HttpPromptCallback prompt; /* NULL: a 401/407 is returned, a TLS problem ends */
+  void* prompt_context;
+  uint32_t access_type;      /* 0 system configuration, 1 direct, 3 named proxy */
+  char proxy[1024];          /* "host" or "host:port" for access type 3 */
+  char proxy_bypass[1024];   /* hosts reached without the proxy, ';' separated */
+  char agent[256];           /* user agent */
+  uint32_t open_flags;       /* reserved, 0 */
+  const char* extra_headers; /* CR LF separated headers to add or replace, or NULL */
+  uint32_t decoding;         /* non-zero: accept and decode compressed bodies */
+  uint32_t no_authentication;
+  char user[256]; /* credentials for a 401/407, set by the prompt */
+  char password[256];
+  const char* server; /* host name or address */
+  const char* object; /* path and query; NULL means "/" */
+  uint32_t port;      /* 443 means TLS */
+  const char* verb;   /* "GET", "POST", ...; NULL means "GET" */
+  const void* body;   /* data to send, or NULL; owned by the caller */
+  uint32_t body_length;
+  char* sent_headers;       /* out: request headers as sent (malloc) */
+  char* response_headers;   /* out: response headers, CR LF separated (malloc) */
+  char* response_body;      /* out: body plus a NUL (malloc) */
+  uint32_t response_length; /* out: body bytes without the NUL */
+  uint32_t status_code;     /* out: HTTP status */
+};
+
+/* Proxy and agent settings from the group "internet2". */
+typedef struct InternetSettings {
+  int32_t preconfigured; /* "preconfig_http_proxy" */
+  int32_t use_proxy;     /* "use_http_proxy" with a non-empty address */
+  char proxy_address[128];
+  char agent[64];
+} InternetSettings;
+
+/* Reads the settings from the library's settings store. Returns 0, or
+ * 0x80070057 when a value did not fit its field (it is truncated). */
+DHV_RESULT DHVAPI_CALL LoadInternetSettings(InternetSettings* settings);
+
+/* Sends the request on a connection of its own. Returns 0 when the exchange
+ * took place (check status_code), else the error; outputs made before a
+ * failure (a partial body) are still set and must be freed. */
+DHV_RESULT DHVAPI_CALL PerformHttpRequest(HttpRequest* request);
+
+/* Appends the request's exchange to *text (malloc'ed or NULL; the caller frees
+ * it): sent headers, sent body with the password masked, response headers and
+ * a text body. Returns 0, or 0x8007000E when memory runs out. */
+DHV_RESULT DHVAPI_CALL FormatHttpTranscript(char** text, const HttpRequest* request);
+
+/* Appends lines to *text with the marker of the direction (1 received "<| ",
+ * 2 sent ">| ", other none). Returns 0, or 0x8007000E when memory runs out. */
+DHV_RESULT DHVAPI_CALL AppendTranscriptLines(char** text, const char* lines, int direction);
+
+/* The text for a result code, malloc'ed; NULL only when memory runs out. */
+char* DHVAPI_CALL FormatErrorMessage(DHV_RESULT code);
+
+/* XML responses. The document handed out is a libxml2 document: read it with
+ * libxml2 and release it with xmlFreeDoc. */
+typedef struct XmlResponseReader XmlResponseReader;
+struct _xmlDoc;
+
+/* A reader whose XPath uses the given namespace declarations
+ * ("xmlns:z='uri' ..."), or none when NULL. */
+XmlResponseReader* DHVAPI_CALL CreateXmlResponseReader(const char* selection_namespaces);
+void DHVAPI_CALL DestroyXmlResponseReader(XmlResponseReader* reader);
+/* Parses a body (up to its NUL). Returns 0 and the document, 0x80004005 when
+ * it is not well-formed, 0x80070057 for bad arguments. */
+DHV_RESULT DHVAPI_CALL LoadXmlResponse(XmlResponseReader* reader, const char* body,
+                                       struct _xmlDoc** document);
+
 #ifdef __cplusplus
 }
 #endif

@@ -140,6 +140,15 @@ inline constexpr const char* kUserListKeys[] = {
     "user_formats", "user_categories", "user_genres", "user_stati",      "user_locations",
     "user_rsrc",    "user_rgen",       "user_rqual",  "user_conditions", "user_packagings"};
 
+/// Numbers of records in a catalogue.
+struct CatalogCounts {
+  size_t albums = 0;
+  size_t volumes = 0;
+  size_t tracks = 0;
+  size_t covers = 0;
+  size_t artists = 0;
+};
+
 class CatalogEngine {
  public:
   virtual ~CatalogEngine() = default;
@@ -151,6 +160,8 @@ class CatalogEngine {
 
   /// Number of album groups.
   virtual size_t AlbumCount() = 0;
+  /// Numbers of albums, volumes, tracks, covers and artist entries.
+  virtual CatalogCounts Counts() = 0;
   /// Visits every album in a stable order (by identifier), one at a time so
   /// that memory does not grow with the catalogue; stops when `visit` returns
   /// false. Returns 0 or a failure code.
@@ -167,6 +178,14 @@ class CatalogEngine {
   virtual HResult WriteAlbum(AlbumRecord& album, WriteMode mode) = 0;
   /// Removes an album with its volumes, tracks and covers.
   virtual HResult DeleteAlbum(std::string_view album_id) = 0;
+
+  /// Groups the writes that follow into one transaction until CommitBatch, for
+  /// bulk work (imports, library scans): far faster than one transaction per
+  /// album, and other processes see the albums only at the commit. Batches
+  /// nest; a write that fails inside a batch is undone alone. A batch still
+  /// open when the engine is destroyed is committed. See CatalogBatch.
+  virtual HResult BeginBatch() = 0;
+  virtual HResult CommitBatch() = 0;
 
   // Single properties of a volume (index 0) or of its track n (index n) ---------
 
@@ -222,6 +241,30 @@ class CatalogEngine {
   /// A one-line explanation of the last failure returned by this engine (empty
   /// when none), for messages to the user.
   virtual std::string LastErrorText() const = 0;
+};
+
+/// Holds a batch of writes open for a scope (CatalogEngine::BeginBatch) and
+/// commits it at the end of the scope or at Commit().
+class CatalogBatch {
+ public:
+  explicit CatalogBatch(CatalogEngine& engine) : engine_(engine) {
+    open_ = engine_.BeginBatch() == kOk;
+  }
+  ~CatalogBatch() { Commit(); }
+  CatalogBatch(const CatalogBatch&) = delete;
+  CatalogBatch& operator=(const CatalogBatch&) = delete;
+  /// Commits now; returns 0 or a failure code (also when the batch never opened).
+  HResult Commit() {
+    if (!open_) return result_;
+    open_ = false;
+    result_ = engine_.CommitBatch();
+    return result_;
+  }
+
+ private:
+  CatalogEngine& engine_;
+  bool open_ = false;
+  HResult result_ = kFail;
 };
 
 }  // namespace dischive

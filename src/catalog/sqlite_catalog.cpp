@@ -1,8 +1,10 @@
 // The embedded catalogue engine: one ".dab" SQLite file in write-ahead-log
-// mode. Albums, volumes and tracks are rows; their properties are rows keyed
-// by field id (and by track index for volumes), so new fields need no schema
-// change. One process writes at a time: a writer holds an flock on the lock
-// file beside the database for as long as it has the catalogue open.
+// mode. An album is one row and each of its volumes one row; their properties
+// are kept by field id in one column each (record_codec.h), and a volume's
+// tracks with theirs in another, so that new fields need no schema change and
+// an album is written and read with a handful of row operations. One process
+// writes at a time: a writer holds an flock on the lock file beside the
+// database for as long as it has the catalogue open.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -15,6 +17,7 @@
 #include <set>
 #include <thread>
 
+#include "catalog/record_codec.h"
 #include "catalog/sqlite_db.h"
 #include "dischive/database_files.h"
 #include "dischive/random_id.h"
@@ -25,6 +28,12 @@ namespace dischive {
 namespace {
 
 using catalog::Connection;
+using catalog::DecodeNames;
+using catalog::DecodeProperties;
+using catalog::DecodeTracks;
+using catalog::EncodeNames;
+using catalog::EncodeProperties;
+using catalog::EncodeTracks;
 using catalog::ResetGuard;
 using catalog::SqlFailure;
 using catalog::Statement;
@@ -34,32 +43,15 @@ using catalog::Transaction;
 constexpr int32_t kApplicationId = 0x44484142;
 constexpr int kSchemaVersion = 1;
 
-// Lists of names an album keeps in album_names, by list number.
-constexpr int kListArtists = 0;
-constexpr int kListComposers = 1;
-constexpr int kListCredits = 2;  // 2 .. 2 + kCreditListCount - 1
-constexpr int kListLineup = kListCredits + kCreditListCount;
-
 constexpr const char* kSchema = R"sql(
 CREATE TABLE albums(
   aid INTEGER PRIMARY KEY,
   id TEXT NOT NULL UNIQUE,
   modified INTEGER NOT NULL DEFAULT 0,
   various_artists INTEGER NOT NULL DEFAULT 0,
-  various_composers INTEGER NOT NULL DEFAULT 0);
-CREATE TABLE album_props(
-  aid INTEGER NOT NULL REFERENCES albums(aid) ON DELETE CASCADE,
-  field INTEGER NOT NULL,
-  value,
-  PRIMARY KEY(aid, field)) WITHOUT ROWID;
-CREATE TABLE album_names(
-  aid INTEGER NOT NULL REFERENCES albums(aid) ON DELETE CASCADE,
-  list INTEGER NOT NULL,
-  pos INTEGER NOT NULL,
-  name TEXT NOT NULL,
-  role TEXT NOT NULL DEFAULT '',
-  period TEXT NOT NULL DEFAULT '',
-  PRIMARY KEY(aid, list, pos)) WITHOUT ROWID;
+  various_composers INTEGER NOT NULL DEFAULT 0,
+  properties BLOB NOT NULL DEFAULT x'',
+  names BLOB NOT NULL DEFAULT x'');
 CREATE TABLE volumes(
   record_id INTEGER PRIMARY KEY,
   aid INTEGER NOT NULL REFERENCES albums(aid) ON DELETE CASCADE,
@@ -67,19 +59,11 @@ CREATE TABLE volumes(
   title TEXT NOT NULL DEFAULT '',
   frames INTEGER NOT NULL DEFAULT 0,
   created INTEGER NOT NULL DEFAULT 0,
-  played INTEGER NOT NULL DEFAULT 0);
+  played INTEGER NOT NULL DEFAULT 0,
+  properties BLOB NOT NULL DEFAULT x'',
+  tracks BLOB NOT NULL DEFAULT x'',
+  track_count INTEGER NOT NULL DEFAULT 0);
 CREATE INDEX volumes_by_album ON volumes(aid, pos);
-CREATE TABLE tracks(
-  record_id INTEGER NOT NULL REFERENCES volumes(record_id) ON DELETE CASCADE,
-  number INTEGER NOT NULL,
-  frames INTEGER NOT NULL DEFAULT 0,
-  PRIMARY KEY(record_id, number)) WITHOUT ROWID;
-CREATE TABLE volume_props(
-  record_id INTEGER NOT NULL REFERENCES volumes(record_id) ON DELETE CASCADE,
-  idx INTEGER NOT NULL,
-  field INTEGER NOT NULL,
-  value,
-  PRIMARY KEY(record_id, idx, field)) WITHOUT ROWID;
 CREATE TABLE covers(
   record_id INTEGER PRIMARY KEY REFERENCES volumes(record_id) ON DELETE CASCADE,
   bytes BLOB NOT NULL);
@@ -133,11 +117,12 @@ std::string CheckDatabaseHeader(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
   unsigned char header[100] = {};
   in.read(reinterpret_cast<char*>(header), sizeof header);
-  if (!in && in.gcount() < static_cast<std::streamsize>(sizeof header)) {
-    return path.string() + " is not a catalogue (too short for a database file)";
-  }
-  if (std::memcmp(header, "SQLite format 3", 16) != 0) {
+  const std::streamsize got = in.gcount();
+  if (got < 16 || std::memcmp(header, "SQLite format 3", 16) != 0) {
     return path.string() + " is not a catalogue (not a database file)";
+  }
+  if (got < static_cast<std::streamsize>(sizeof header)) {
+    return path.string() + " is not a catalogue (too short for a database file)";
   }
   uint32_t page_size = ReadBigEndian(header + 16, 2);
   if (page_size == 1) page_size = 65536;
@@ -161,29 +146,6 @@ std::string CheckDatabaseHeader(const std::filesystem::path& path) {
   return {};
 }
 
-std::optional<PropertyValue> ColumnValue(const Statement& s, int column) {
-  switch (s.Type(column)) {
-    case SQLITE_INTEGER:
-    case SQLITE_FLOAT:
-      // Properties are 32-bit; a larger number from a foreign writer keeps its low bits.
-      return PropertyValue(static_cast<int32_t>(static_cast<uint32_t>(s.Int(column))));
-    case SQLITE_TEXT:
-      return PropertyValue(s.Text(column));
-    case SQLITE_BLOB:
-      return PropertyValue(s.Blob(column));
-    default:
-      return std::nullopt;
-  }
-}
-
-void BindValue(Statement& s, int index, const PropertyValue& value) {
-  if (const auto* text = std::get_if<std::string>(&value)) {
-    s.Bind(index, *text);
-  } else {
-    s.Bind(index, static_cast<int64_t>(std::get<int32_t>(value)));
-  }
-}
-
 uint32_t U32(int64_t v) {
   return static_cast<uint32_t>(v);
 }
@@ -193,75 +155,35 @@ struct Statements {
   explicit Statements(Connection& c)
       : count_albums(c, "SELECT count(*) FROM albums"),
         album_by_id(c,
-                    "SELECT aid, id, modified, various_artists, various_composers FROM albums "
-                    "WHERE id = ?1"),
-        album_props(c, "SELECT field, value FROM album_props WHERE aid = ?1"),
-        album_names(c,
-                    "SELECT list, name, role, period FROM album_names WHERE aid = ?1 "
-                    "ORDER BY list, pos"),
+                    "SELECT aid, id, modified, various_artists, various_composers, properties, "
+                    "names FROM albums WHERE id = ?1"),
         album_volumes(c,
-                      "SELECT record_id, title, frames, created, played FROM volumes "
-                      "WHERE aid = ?1 ORDER BY pos"),
+                      "SELECT record_id, title, frames, created, played, properties, tracks "
+                      "FROM volumes WHERE aid = ?1 ORDER BY pos"),
         volume_row(c,
-                   "SELECT record_id, title, frames, created, played, aid FROM volumes "
-                   "WHERE record_id = ?1"),
-        volume_tracks(c, "SELECT number, frames FROM tracks WHERE record_id = ?1 ORDER BY number"),
-        volume_props(c,
-                     "SELECT idx, field, value FROM volume_props WHERE record_id = ?1 "
-                     "ORDER BY idx, field"),
+                   "SELECT record_id, title, frames, created, played, properties, tracks, aid "
+                   "FROM volumes WHERE record_id = ?1"),
         album_of_volume(c,
                         "SELECT a.id FROM volumes v JOIN albums a ON a.aid = v.aid "
                         "WHERE v.record_id = ?1"),
         insert_album(c,
-                     "INSERT INTO albums(id, modified, various_artists, various_composers) "
-                     "VALUES(?1, ?2, ?3, ?4)"),
+                     "INSERT INTO albums(id, modified, various_artists, various_composers, "
+                     "properties, names) VALUES(?1, ?2, ?3, ?4, ?5, ?6)"),
         update_album(c,
                      "UPDATE albums SET modified = ?2, various_artists = ?3, "
-                     "various_composers = ?4 WHERE aid = ?1"),
+                     "various_composers = ?4, properties = ?5, names = ?6 WHERE aid = ?1"),
         touch_album(c, "UPDATE albums SET modified = ?2 WHERE aid = ?1"),
-        delete_album_props(c, "DELETE FROM album_props WHERE aid = ?1"),
-        upsert_album_prop(c,
-                          "INSERT OR REPLACE INTO album_props(aid, field, value) "
-                          "VALUES(?1, ?2, ?3)"),
-        delete_album_names(c, "DELETE FROM album_names WHERE aid = ?1"),
-        delete_album_list(c, "DELETE FROM album_names WHERE aid = ?1 AND list = ?2"),
-        insert_album_name(c,
-                          "INSERT INTO album_names(aid, list, pos, name, role, period) "
-                          "VALUES(?1, ?2, ?3, ?4, ?5, ?6)"),
-        volume_owner(c, "SELECT aid FROM volumes WHERE record_id = ?1"),
         album_volume_ids(c, "SELECT record_id FROM volumes WHERE aid = ?1"),
         next_volume_pos(c, "SELECT coalesce(max(pos) + 1, 0) FROM volumes WHERE aid = ?1"),
-        insert_volume(c,
-                      "INSERT INTO volumes(record_id, aid, pos, title, frames, created, played) "
-                      "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)"),
-        replace_volume(c,
-                       "UPDATE volumes SET pos = ?2, title = ?3, frames = ?4, created = ?5, "
-                       "played = ?6 WHERE record_id = ?1"),
-        merge_volume(c,
-                     "UPDATE volumes SET "
-                     "title = CASE WHEN ?2 <> '' THEN ?2 ELSE title END, "
-                     "frames = CASE WHEN ?3 <> 0 THEN ?3 ELSE frames END, "
-                     "created = CASE WHEN ?4 <> 0 THEN ?4 ELSE created END, "
-                     "played = CASE WHEN ?5 <> 0 THEN ?5 ELSE played END "
-                     "WHERE record_id = ?1"),
+        insert_volume(
+            c,
+            "INSERT INTO volumes(record_id, aid, pos, title, frames, created, played, "
+            "properties, tracks, track_count) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10)"),
+        update_volume(
+            c,
+            "UPDATE volumes SET pos = coalesce(?2, pos), title = ?3, frames = ?4, created = ?5, "
+            "played = ?6, properties = ?7, tracks = ?8, track_count = ?9 WHERE record_id = ?1"),
         delete_volume(c, "DELETE FROM volumes WHERE record_id = ?1"),
-        delete_tracks(c, "DELETE FROM tracks WHERE record_id = ?1"),
-        delete_volume_props(c, "DELETE FROM volume_props WHERE record_id = ?1"),
-        insert_track(c, "INSERT INTO tracks(record_id, number, frames) VALUES(?1, ?2, ?3)"),
-        merge_track(c,
-                    "INSERT INTO tracks(record_id, number, frames) VALUES(?1, ?2, ?3) "
-                    "ON CONFLICT(record_id, number) DO UPDATE SET frames = "
-                    "CASE WHEN excluded.frames <> 0 THEN excluded.frames ELSE frames END"),
-        track_exists(c, "SELECT 1 FROM tracks WHERE record_id = ?1 AND number = ?2"),
-        upsert_volume_prop(c,
-                           "INSERT OR REPLACE INTO volume_props(record_id, idx, field, value) "
-                           "VALUES(?1, ?2, ?3, ?4)"),
-        get_volume_prop(c,
-                        "SELECT value FROM volume_props WHERE record_id = ?1 AND idx = ?2 "
-                        "AND field = ?3"),
-        delete_volume_prop(c,
-                           "DELETE FROM volume_props WHERE record_id = ?1 AND idx = ?2 "
-                           "AND field = ?3"),
         delete_album(c, "DELETE FROM albums WHERE aid = ?1"),
         read_cover(c, "SELECT bytes FROM covers WHERE record_id = ?1"),
         write_cover(c, "INSERT OR REPLACE INTO covers(record_id, bytes) VALUES(?1, ?2)"),
@@ -286,15 +208,11 @@ struct Statements {
         get_meta(c, "SELECT value FROM meta WHERE key = ?1"),
         set_meta(c, "INSERT OR REPLACE INTO meta(key, value) VALUES(?1, ?2)") {}
 
-  Statement count_albums, album_by_id, album_props, album_names, album_volumes, volume_row,
-      volume_tracks, volume_props, album_of_volume, insert_album, update_album, touch_album,
-      delete_album_props, upsert_album_prop, delete_album_names, delete_album_list,
-      insert_album_name, volume_owner, album_volume_ids, next_volume_pos, insert_volume,
-      replace_volume, merge_volume, delete_volume, delete_tracks, delete_volume_props, insert_track,
-      merge_track, track_exists, upsert_volume_prop, get_volume_prop, delete_volume_prop,
-      delete_album, read_cover, write_cover, delete_cover, list_artists, artist_alt_names,
-      artist_links, delete_artist, insert_artist, insert_alt_name, insert_link, get_db_prop,
-      set_db_prop, delete_db_prop, list_db_props, get_meta, set_meta;
+  Statement count_albums, album_by_id, album_volumes, volume_row, album_of_volume, insert_album,
+      update_album, touch_album, album_volume_ids, next_volume_pos, insert_volume, update_volume,
+      delete_volume, delete_album, read_cover, write_cover, delete_cover, list_artists,
+      artist_alt_names, artist_links, delete_artist, insert_artist, insert_alt_name, insert_link,
+      get_db_prop, set_db_prop, delete_db_prop, list_db_props, get_meta, set_meta;
 };
 
 // A failure with its result code and message, raised inside a write and
@@ -310,15 +228,31 @@ class SqliteCatalog final : public CatalogEngine {
       : path_(std::move(path)), writable_(writable), lock_(std::move(lock)) {}
 
   ~SqliteCatalog() override {
+    // A batch still open is committed: closing never drops written albums.
+    while (batch_depth_ > 0) {
+      --batch_depth_;
+      sqlite3_exec(db_.handle(), "RELEASE batch", nullptr, nullptr, nullptr);
+    }
     st_.reset();
     db_.Close();
   }
 
   // Opens the connection and compiles the statements; fills *message on failure.
   HResult Open(std::string* message) {
-    const int flags = writable_ ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY;
-    const int rc = db_.Open(path_, flags, message);
-    if (rc != SQLITE_OK) return kCatalogInvalid;
+    // A reader, too, opens the file for writing when it may, with queries
+    // only: then the last connection to close can fold the write-ahead log
+    // back into the file and remove it, which a read-only connection cannot.
+    int rc = db_.Open(path_, SQLITE_OPEN_READWRITE, message);
+    if (rc != SQLITE_OK && !writable_) rc = db_.Open(path_, SQLITE_OPEN_READONLY, message);
+    if (rc != SQLITE_OK) {
+      *message = path_.string() + " cannot be opened: " + *message;
+      return (rc & 0xFF) == SQLITE_READONLY || (rc & 0xFF) == SQLITE_PERM ? kCatalogReadOnly
+                                                                          : kCatalogInvalid;
+    }
+    if (writable_ && sqlite3_db_readonly(db_.handle(), "main") == 1) {
+      *message = path_.string() + " cannot be written (read-only file or folder)";
+      return kCatalogReadOnly;
+    }
     try {
       db_.Exec("PRAGMA busy_timeout = 5000; PRAGMA cache_size = -8192;");
       if (writable_) {
@@ -354,21 +288,55 @@ class SqliteCatalog final : public CatalogEngine {
     return count;
   }
 
+  CatalogCounts Counts() override {
+    std::lock_guard lock(mutex_);
+    CatalogCounts counts;
+    Guard([&] {
+      Statement s(
+          db_,
+          "SELECT (SELECT count(*) FROM albums), (SELECT count(*) FROM volumes), "
+          "(SELECT coalesce(sum(track_count), 0) FROM volumes), (SELECT count(*) FROM covers), "
+          "(SELECT count(*) FROM artists)");
+      if (s.Step()) {
+        counts.albums = static_cast<size_t>(s.Int(0));
+        counts.volumes = static_cast<size_t>(s.Int(1));
+        counts.tracks = static_cast<size_t>(s.Int(2));
+        counts.covers = static_cast<size_t>(s.Int(3));
+        counts.artists = static_cast<size_t>(s.Int(4));
+      }
+    });
+    return counts;
+  }
+
   HResult ForEachAlbum(const std::function<bool(const AlbumRecord&)>& visit) override {
     std::lock_guard lock(mutex_);
     return Guard([&] {
       // One read transaction for the whole walk, so that it sees one state of
-      // the catalogue; a write made by `visit` joins it as a savepoint.
+      // the catalogue; a write made by `visit` joins it as a savepoint. One
+      // joined query yields each album followed by its volumes.
       Transaction snapshot(db_);
       Statement cursor(db_,
-                       "SELECT aid, id, modified, various_artists, various_composers "
-                       "FROM albums ORDER BY id");
+                       "SELECT a.aid, a.id, a.modified, a.various_artists, a.various_composers, "
+                       "a.properties, a.names, v.record_id, v.title, v.frames, v.created, "
+                       "v.played, v.properties, v.tracks FROM albums a "
+                       "LEFT JOIN volumes v ON v.aid = a.aid ORDER BY a.id, v.pos");
       AlbumRecord album;
-      while (cursor.Step()) {
-        album = AlbumRecord();
-        const int64_t aid = FillAlbumRow(cursor, album);
-        LoadAlbum(aid, album);
-        if (!visit(album)) break;
+      int64_t current = -1;
+      bool more = cursor.Step();
+      while (more) {
+        const int64_t aid = cursor.Int(0);
+        if (aid != current) {
+          album = AlbumRecord();
+          FillAlbumRow(cursor, album);
+          current = aid;
+        }
+        if (cursor.Type(7) != SQLITE_NULL) {
+          FillVolume(cursor, 7, album.volumes.emplace_back());
+        }
+        more = cursor.Step();
+        if (!more || cursor.Int(0) != current) {
+          if (!visit(album)) break;
+        }
       }
       snapshot.Commit();
     });
@@ -382,7 +350,7 @@ class SqliteCatalog final : public CatalogEngine {
       AlbumRecord album;
       const std::optional<int64_t> aid = FindAlbum(album_id, &album);
       if (aid) {
-        LoadAlbum(*aid, album);
+        LoadVolumes(*aid, album);
         result = std::move(album);
       }
       snapshot.Commit();
@@ -406,17 +374,8 @@ class SqliteCatalog final : public CatalogEngine {
     std::lock_guard lock(mutex_);
     std::optional<VolumeRecord> result;
     Guard([&] {
-      Transaction snapshot(db_);
-      Statement& s = st_->volume_row;
-      ResetGuard reset(s);
-      s.Bind(1, int64_t{record_id});
-      if (s.Step()) {
-        VolumeRecord volume;
-        FillVolumeRow(s, volume);
-        LoadVolumeDetails(volume);
-        result = std::move(volume);
-      }
-      snapshot.Commit();
+      VolumeRecord volume;
+      if (FindVolume(record_id, &volume)) result = std::move(volume);
     });
     return result;
   }
@@ -429,21 +388,27 @@ class SqliteCatalog final : public CatalogEngine {
       Transaction transaction(db_);
       const uint32_t now = Now();
       std::string id = album.id;
+      AlbumRecord stored;
       std::optional<int64_t> aid;
-      if (!id.empty()) aid = FindAlbum(id, nullptr);
+      if (!id.empty()) aid = FindAlbum(id, &stored);
       if (!aid) {
         if (id.empty()) id = NewAlbumId();
         Statement& s = st_->insert_album;
         s.Bind(1, id).Bind(2, int64_t{now});
         s.Bind(3, album.various_artists ? 1 : 0).Bind(4, album.various_composers ? 1 : 0);
+        s.BindBlob(5, EncodeProperties(album.properties)).BindBlob(6, EncodeNames(album));
         s.Run();
         aid = sqlite3_last_insert_rowid(db_.handle());
         mode = WriteMode::kReplace;  // nothing to merge with
       } else {
-        WriteAlbumRow(*aid, album, mode, now);
+        const AlbumRecord& row =
+            mode == WriteMode::kMerge ? MergeAlbumFields(stored, album) : album;
+        Statement& s = st_->update_album;
+        s.Bind(1, *aid).Bind(2, int64_t{now});
+        s.Bind(3, row.various_artists ? 1 : 0).Bind(4, row.various_composers ? 1 : 0);
+        s.BindBlob(5, EncodeProperties(row.properties)).BindBlob(6, EncodeNames(row));
+        s.Run();
       }
-      WriteAlbumProperties(*aid, album, mode);
-      WriteAlbumNames(*aid, album, mode);
       WriteVolumes(*aid, album, mode);
       transaction.Commit();
       album.id = id;
@@ -468,10 +433,11 @@ class SqliteCatalog final : public CatalogEngine {
     std::lock_guard lock(mutex_);
     std::optional<PropertyValue> result;
     Guard([&] {
-      Statement& s = st_->get_volume_prop;
-      ResetGuard reset(s);
-      s.Bind(1, int64_t{record_id}).Bind(2, int64_t{index}).Bind(3, int64_t{id});
-      if (s.Step()) result = ColumnValue(s, 0);
+      VolumeRecord volume;
+      if (!FindVolume(record_id, &volume)) return;
+      const PropertySet* properties = PropertiesAt(volume, index);
+      if (properties == nullptr) return;
+      if (const PropertyValue* value = properties->Find(id)) result = *value;
     });
     return result;
   }
@@ -482,11 +448,10 @@ class SqliteCatalog final : public CatalogEngine {
     if (const HResult refused = CheckWritable(lock); refused != kOk) return refused;
     return Guard([&] {
       Transaction transaction(db_);
-      const int64_t aid = RequireRecord(record_id, index);
-      Statement& s = st_->upsert_volume_prop;
-      s.Bind(1, int64_t{record_id}).Bind(2, int64_t{index}).Bind(3, int64_t{id});
-      BindValue(s, 4, value);
-      s.Run();
+      VolumeRecord volume;
+      const int64_t aid = RequireRecord(record_id, index, &volume);
+      PropertiesAt(volume, index)->Set(id, value);
+      UpdateVolume(volume, -1);
       Touch(aid);
       transaction.Commit();
     });
@@ -497,13 +462,32 @@ class SqliteCatalog final : public CatalogEngine {
     if (const HResult refused = CheckWritable(lock); refused != kOk) return refused;
     return Guard([&] {
       Transaction transaction(db_);
-      const int64_t aid = RequireRecord(record_id, index);
-      st_->delete_volume_prop.Bind(1, int64_t{record_id})
-          .Bind(2, int64_t{index})
-          .Bind(3, int64_t{id})
-          .Run();
-      if (sqlite3_changes(db_.handle()) > 0) Touch(aid);
+      VolumeRecord volume;
+      const int64_t aid = RequireRecord(record_id, index, &volume);
+      PropertySet* properties = PropertiesAt(volume, index);
+      if (!properties->Has(id)) return;
+      properties->Remove(id);
+      UpdateVolume(volume, -1);
+      Touch(aid);
       transaction.Commit();
+    });
+  }
+
+  HResult BeginBatch() override {
+    std::unique_lock lock(mutex_);
+    if (const HResult refused = CheckWritable(lock); refused != kOk) return refused;
+    return Guard([&] {
+      db_.Exec("SAVEPOINT batch");
+      ++batch_depth_;
+    });
+  }
+
+  HResult CommitBatch() override {
+    std::unique_lock lock(mutex_);
+    if (batch_depth_ == 0) return Refuse(kInvalidArgument, "no batch of writes to commit");
+    return Guard([&] {
+      db_.Exec("RELEASE batch");
+      --batch_depth_;
     });
   }
 
@@ -524,7 +508,7 @@ class SqliteCatalog final : public CatalogEngine {
     if (const HResult refused = CheckWritable(lock); refused != kOk) return refused;
     return Guard([&] {
       Transaction transaction(db_);
-      const int64_t aid = RequireRecord(record_id, 0);
+      const int64_t aid = RequireRecord(record_id, 0, nullptr);
       if (bytes.empty()) {
         st_->delete_cover.Bind(1, int64_t{record_id}).Run();
       } else {
@@ -699,6 +683,9 @@ class SqliteCatalog final : public CatalogEngine {
     if (suspended_) {
       return Refuse(kCatalogLocked, "writing to the catalogue is already suspended");
     }
+    if (batch_depth_ > 0) {
+      return Refuse(kCatalogLocked, "a batch of writes is still open");
+    }
     if (writable_) {
       int log_frames = 0, checkpointed = 0;
       const int rc = sqlite3_wal_checkpoint_v2(db_.handle(), nullptr, SQLITE_CHECKPOINT_TRUNCATE,
@@ -828,173 +815,138 @@ class SqliteCatalog final : public CatalogEngine {
     ResetGuard reset(s);
     s.Bind(1, id);
     if (!s.Step()) return std::nullopt;
-    AlbumRecord ignored;
-    return FillAlbumRow(s, album != nullptr ? *album : ignored);
+    if (album != nullptr) FillAlbumRow(s, *album);
+    return s.Int(0);
   }
 
-  static int64_t FillAlbumRow(const Statement& s, AlbumRecord& album) {
+  [[noreturn]] void Damaged(std::string_view what) const {
+    throw FatalDatabaseError(path_.string(), fmt::format("damaged record: {}", what));
+  }
+
+  // Columns 1-6 of an album query: id, times, flags, properties and names.
+  void FillAlbumRow(const Statement& s, AlbumRecord& album) const {
     album.id = s.Text(1);
     album.modified = U32(s.Int(2));
     album.various_artists = s.Int(3) != 0;
     album.various_composers = s.Int(4) != 0;
-    return s.Int(0);
+    if (!DecodeProperties(s.Blob(5), &album.properties) || !DecodeNames(s.Blob(6), &album)) {
+      Damaged("album " + album.id);
+    }
   }
 
-  static void FillVolumeRow(const Statement& s, VolumeRecord& volume) {
-    volume.record_id = U32(s.Int(0));
-    volume.title = s.Text(1);
-    volume.frames = U32(s.Int(2));
-    volume.created = U32(s.Int(3));
-    volume.played = U32(s.Int(4));
+  // Seven volume columns from `first` on: record id, title, frames, created,
+  // played, properties, tracks.
+  void FillVolume(const Statement& s, int first, VolumeRecord& volume) const {
+    volume.record_id = U32(s.Int(first));
+    volume.title = s.Text(first + 1);
+    volume.frames = U32(s.Int(first + 2));
+    volume.created = U32(s.Int(first + 3));
+    volume.played = U32(s.Int(first + 4));
+    if (!DecodeProperties(s.Blob(first + 5), &volume.properties) ||
+        !DecodeTracks(s.Blob(first + 6), &volume.tracks)) {
+      Damaged(fmt::format("volume {:08X}", volume.record_id));
+    }
   }
 
-  void LoadAlbum(int64_t aid, AlbumRecord& album) {
-    {
-      Statement& s = st_->album_props;
-      ResetGuard reset(s);
-      s.Bind(1, aid);
-      while (s.Step()) {
-        if (auto value = ColumnValue(s, 1)) album.properties.Set(U32(s.Int(0)), std::move(*value));
-      }
-    }
-    {
-      Statement& s = st_->album_names;
-      ResetGuard reset(s);
-      s.Bind(1, aid);
-      while (s.Step()) {
-        const int64_t list = s.Int(0);
-        if (list == kListArtists) {
-          album.artists.push_back(s.Text(1));
-        } else if (list == kListComposers) {
-          album.composers.push_back(s.Text(1));
-        } else if (list >= kListCredits && list < kListLineup) {
-          album.credits[list - kListCredits].push_back({s.Text(1), s.Text(2)});
-        } else if (list == kListLineup) {
-          album.lineup.push_back({s.Text(1), s.Text(2), s.Text(3)});
-        }
-      }
-    }
-    {
-      Statement& s = st_->album_volumes;
-      ResetGuard reset(s);
-      s.Bind(1, aid);
-      while (s.Step())
-        FillVolumeRow(s, album.volumes.emplace_back());
-    }
-    for (VolumeRecord& volume : album.volumes)
-      LoadVolumeDetails(volume);
-  }
-
-  void LoadVolumeDetails(VolumeRecord& volume) {
-    {
-      Statement& s = st_->volume_tracks;
-      ResetGuard reset(s);
-      s.Bind(1, int64_t{volume.record_id});
-      while (s.Step()) {
-        TrackRecord& t = volume.tracks.emplace_back();
-        t.number = U32(s.Int(0));
-        t.frames = U32(s.Int(1));
-      }
-    }
-    Statement& s = st_->volume_props;
+  void LoadVolumes(int64_t aid, AlbumRecord& album) {
+    Statement& s = st_->album_volumes;
     ResetGuard reset(s);
-    s.Bind(1, int64_t{volume.record_id});
-    // Both the tracks and the property rows come ordered by track number.
-    size_t next = 0;
-    while (s.Step()) {
-      const int64_t index = s.Int(0);
-      std::optional<PropertyValue> value = ColumnValue(s, 2);
-      if (!value) continue;
-      if (index == 0) {
-        volume.properties.Set(U32(s.Int(1)), std::move(*value));
-        continue;
-      }
-      while (next < volume.tracks.size() && volume.tracks[next].number < index)
-        ++next;
-      if (next < volume.tracks.size() && volume.tracks[next].number == index) {
-        volume.tracks[next].properties.Set(U32(s.Int(1)), std::move(*value));
-      }
-    }
+    s.Bind(1, aid);
+    while (s.Step())
+      FillVolume(s, 0, album.volumes.emplace_back());
   }
 
-  void WriteAlbumRow(int64_t aid, const AlbumRecord& album, WriteMode mode, uint32_t now) {
-    bool various_artists = album.various_artists;
-    bool various_composers = album.various_composers;
-    if (mode == WriteMode::kMerge) {
-      // Unless the merged album names its artists or composers, keep the stored flags.
-      AlbumRecord stored;
-      FindAlbum(album.id, &stored);
-      if (album.artists.empty() && !album.various_artists) {
-        various_artists = stored.various_artists;
-      }
-      if (album.composers.empty() && !album.various_composers) {
-        various_composers = stored.various_composers;
-      }
+  // The volume with this record id and the row id of its album.
+  std::optional<int64_t> FindVolume(uint32_t record_id, VolumeRecord* volume) {
+    Statement& s = st_->volume_row;
+    ResetGuard reset(s);
+    s.Bind(1, int64_t{record_id});
+    if (!s.Step()) return std::nullopt;
+    if (volume != nullptr) FillVolume(s, 0, *volume);
+    return s.Int(7);
+  }
+
+  // The properties of the volume (index 0) or of its track `index`; nullptr
+  // when there is no such track.
+  static PropertySet* PropertiesAt(VolumeRecord& volume, uint32_t index) {
+    if (index == 0) return &volume.properties;
+    for (TrackRecord& t : volume.tracks) {
+      if (t.number == index) return &t.properties;
     }
-    st_->update_album.Bind(1, aid)
-        .Bind(2, int64_t{now})
-        .Bind(3, various_artists ? 1 : 0)
-        .Bind(4, various_composers ? 1 : 0)
+    return nullptr;
+  }
+
+  // Rewrites a volume row; a negative position keeps the stored one.
+  void UpdateVolume(const VolumeRecord& v, int64_t pos) {
+    Statement& s = st_->update_volume;
+    s.Bind(1, int64_t{v.record_id});
+    if (pos >= 0) s.Bind(2, pos);  // unbound: NULL, the stored position stays
+    s.Bind(3, v.title)
+        .Bind(4, int64_t{v.frames})
+        .Bind(5, int64_t{v.created})
+        .Bind(6, int64_t{v.played})
+        .BindBlob(7, EncodeProperties(v.properties))
+        .BindBlob(8, EncodeTracks(SortedTracks(v.tracks)))
+        .Bind(9, static_cast<int64_t>(v.tracks.size()))
         .Run();
   }
 
-  void WriteAlbumProperties(int64_t aid, const AlbumRecord& album, WriteMode mode) {
-    if (mode == WriteMode::kReplace) st_->delete_album_props.Bind(1, aid).Run();
-    for (const auto& [field, value] : album.properties.values()) {
-      Statement& s = st_->upsert_album_prop;
-      s.Bind(1, aid).Bind(2, int64_t{field});
-      BindValue(s, 3, value);
-      s.Run();
-    }
+  static std::vector<TrackRecord> SortedTracks(std::vector<TrackRecord> tracks) {
+    std::sort(tracks.begin(), tracks.end(),
+              [](const TrackRecord& a, const TrackRecord& b) { return a.number < b.number; });
+    return tracks;
   }
 
-  void InsertName(int64_t aid, int list, size_t pos, std::string_view name,
-                  std::string_view role = {}, std::string_view period = {}) {
-    st_->insert_album_name.Bind(1, aid)
-        .Bind(2, int64_t{list})
-        .Bind(3, static_cast<int64_t>(pos))
-        .Bind(4, name)
-        .Bind(5, role)
-        .Bind(6, period)
-        .Run();
-  }
-
-  // Writes the artist, composer, credit and line-up lists. In merge mode a
-  // list that is empty in `album` keeps its stored entries.
-  void WriteAlbumNames(int64_t aid, const AlbumRecord& album, WriteMode mode) {
-    const bool merge = mode == WriteMode::kMerge;
-    if (!merge) st_->delete_album_names.Bind(1, aid).Run();
-    auto begin_list = [&](int list, bool empty) {
-      if (merge && !empty) st_->delete_album_list.Bind(1, aid).Bind(2, int64_t{list}).Run();
-    };
-    begin_list(kListArtists, album.artists.empty());
-    for (size_t i = 0; i < album.artists.size(); ++i) {
-      InsertName(aid, kListArtists, i, album.artists[i]);
+  // The stored album fields with the given ones merged in: given properties
+  // set, others kept; a name list given non-empty replaces the stored one.
+  static const AlbumRecord& MergeAlbumFields(AlbumRecord& stored, const AlbumRecord& album) {
+    for (const auto& [id, value] : album.properties.values())
+      stored.properties.Set(id, value);
+    if (!album.artists.empty() || album.various_artists) {
+      stored.artists = album.artists;
+      stored.various_artists = album.various_artists;
     }
-    begin_list(kListComposers, album.composers.empty());
-    for (size_t i = 0; i < album.composers.size(); ++i) {
-      InsertName(aid, kListComposers, i, album.composers[i]);
+    if (!album.composers.empty() || album.various_composers) {
+      stored.composers = album.composers;
+      stored.various_composers = album.various_composers;
     }
     for (int c = 0; c < kCreditListCount; ++c) {
-      begin_list(kListCredits + c, album.credits[c].empty());
-      for (size_t i = 0; i < album.credits[c].size(); ++i) {
-        InsertName(aid, kListCredits + c, i, album.credits[c][i].name, album.credits[c][i].role);
-      }
+      if (!album.credits[c].empty()) stored.credits[c] = album.credits[c];
     }
-    begin_list(kListLineup, album.lineup.empty());
-    for (size_t i = 0; i < album.lineup.size(); ++i) {
-      const LineupMember& m = album.lineup[i];
-      InsertName(aid, kListLineup, i, m.name, m.role, m.period);
+    if (!album.lineup.empty()) stored.lineup = album.lineup;
+    return stored;
+  }
+
+  // A stored volume with a given one merged in: title, length and times when
+  // given (non-empty, non-zero), properties set, tracks matched by number.
+  static void MergeVolume(VolumeRecord& stored, const VolumeRecord& v) {
+    if (!v.title.empty()) stored.title = v.title;
+    if (v.frames != 0) stored.frames = v.frames;
+    if (v.created != 0) stored.created = v.created;
+    if (v.played != 0) stored.played = v.played;
+    for (const auto& [id, value] : v.properties.values())
+      stored.properties.Set(id, value);
+    for (const TrackRecord& t : v.tracks) {
+      PropertySet* properties = PropertiesAt(stored, t.number);
+      if (properties == nullptr) {
+        stored.tracks.push_back(t);
+        continue;
+      }
+      for (const auto& [id, value] : t.properties.values())
+        properties->Set(id, value);
+      if (t.frames != 0) {
+        for (TrackRecord& s : stored.tracks) {
+          if (s.number == t.number) s.frames = t.frames;
+        }
+      }
     }
   }
 
   void WriteVolumes(int64_t aid, const AlbumRecord& album, WriteMode mode) {
     // A volume belongs to one album: refuse one that another album holds.
     for (const VolumeRecord& v : album.volumes) {
-      Statement& s = st_->volume_owner;
-      ResetGuard reset(s);
-      s.Bind(1, int64_t{v.record_id});
-      if (s.Step() && s.Int(0) != aid) {
+      const std::optional<int64_t> owner = FindVolume(v.record_id, nullptr);
+      if (owner && *owner != aid) {
         throw Refusal{kInvalidArgument,
                       fmt::format("volume {:08X} already belongs to another album", v.record_id)};
       }
@@ -1023,76 +975,45 @@ class SqliteCatalog final : public CatalogEngine {
     }
     for (size_t i = 0; i < album.volumes.size(); ++i) {
       const VolumeRecord& v = album.volumes[i];
-      const auto id = int64_t{v.record_id};
-      const bool exists = stored.count(v.record_id) != 0;
-      const bool merge = mode == WriteMode::kMerge && exists;
-      if (merge) {
-        st_->merge_volume.Bind(1, id)
-            .Bind(2, v.title)
-            .Bind(3, int64_t{v.frames})
-            .Bind(4, int64_t{v.created})
-            .Bind(5, int64_t{v.played})
-            .Run();
-      } else if (exists) {
-        // Replace mode: the row stays (and with it the volume's cover).
-        st_->replace_volume.Bind(1, id)
-            .Bind(2, static_cast<int64_t>(i))
-            .Bind(3, v.title)
-            .Bind(4, int64_t{v.frames})
-            .Bind(5, int64_t{v.created})
-            .Bind(6, int64_t{v.played})
-            .Run();
-        st_->delete_tracks.Bind(1, id).Run();
-        st_->delete_volume_props.Bind(1, id).Run();
-      } else {
-        const int64_t pos = mode == WriteMode::kMerge ? next_pos++ : static_cast<int64_t>(i);
-        st_->insert_volume.Bind(1, id)
-            .Bind(2, aid)
-            .Bind(3, pos)
-            .Bind(4, v.title)
-            .Bind(5, int64_t{v.frames})
-            .Bind(6, int64_t{v.created})
-            .Bind(7, int64_t{v.played})
-            .Run();
+      if (stored.count(v.record_id) != 0) {
+        if (mode == WriteMode::kMerge) {
+          VolumeRecord merged;
+          FindVolume(v.record_id, &merged);
+          MergeVolume(merged, v);
+          UpdateVolume(merged, -1);
+        } else {
+          // The row stays (and with it the volume's cover).
+          UpdateVolume(v, static_cast<int64_t>(i));
+        }
+        continue;
       }
-      WriteVolumeProperties(id, 0, v.properties);
-      Statement& track_insert = merge ? st_->merge_track : st_->insert_track;
-      for (const TrackRecord& t : v.tracks) {
-        track_insert.Bind(1, id).Bind(2, int64_t{t.number}).Bind(3, int64_t{t.frames}).Run();
-        WriteVolumeProperties(id, t.number, t.properties);
-      }
+      const int64_t pos = mode == WriteMode::kMerge ? next_pos++ : static_cast<int64_t>(i);
+      st_->insert_volume.Bind(1, int64_t{v.record_id})
+          .Bind(2, aid)
+          .Bind(3, pos)
+          .Bind(4, v.title)
+          .Bind(5, int64_t{v.frames})
+          .Bind(6, int64_t{v.created})
+          .Bind(7, int64_t{v.played})
+          .BindBlob(8, EncodeProperties(v.properties))
+          .BindBlob(9, EncodeTracks(SortedTracks(v.tracks)))
+          .Bind(10, static_cast<int64_t>(v.tracks.size()))
+          .Run();
     }
   }
 
-  void WriteVolumeProperties(int64_t record_id, uint32_t index, const PropertySet& properties) {
-    for (const auto& [field, value] : properties.values()) {
-      Statement& s = st_->upsert_volume_prop;
-      s.Bind(1, record_id).Bind(2, int64_t{index}).Bind(3, int64_t{field});
-      BindValue(s, 4, value);
-      s.Run();
+  // The album row that owns the volume (filled into *volume when given);
+  // refuses a missing volume or track.
+  int64_t RequireRecord(uint32_t record_id, uint32_t index, VolumeRecord* volume) {
+    VolumeRecord found;
+    const std::optional<int64_t> aid = FindVolume(record_id, &found);
+    if (!aid) throw Refusal{kCatalogNotFound, fmt::format("no volume {:08X}", record_id)};
+    if (PropertiesAt(found, index) == nullptr) {
+      throw Refusal{kCatalogNotFound,
+                    fmt::format("volume {:08X} has no track {}", record_id, index)};
     }
-  }
-
-  // The album row that owns the volume; refuses a missing volume or track.
-  int64_t RequireRecord(uint32_t record_id, uint32_t index) {
-    int64_t aid;
-    {
-      Statement& s = st_->volume_owner;
-      ResetGuard reset(s);
-      s.Bind(1, int64_t{record_id});
-      if (!s.Step()) throw Refusal{kCatalogNotFound, fmt::format("no volume {:08X}", record_id)};
-      aid = s.Int(0);
-    }
-    if (index != 0) {
-      Statement& s = st_->track_exists;
-      ResetGuard reset(s);
-      s.Bind(1, int64_t{record_id}).Bind(2, int64_t{index});
-      if (!s.Step()) {
-        throw Refusal{kCatalogNotFound,
-                      fmt::format("volume {:08X} has no track {}", record_id, index)};
-      }
-    }
-    return aid;
+    if (volume != nullptr) *volume = std::move(found);
+    return *aid;
   }
 
   void Touch(int64_t aid) { st_->touch_album.Bind(1, aid).Bind(2, int64_t{Now()}).Run(); }
@@ -1124,6 +1045,7 @@ class SqliteCatalog final : public CatalogEngine {
   Connection db_;
   std::unique_ptr<Statements> st_;
   std::string last_error_;
+  int batch_depth_ = 0;  // open BeginBatch calls
   bool suspended_ = false;
   std::thread::id suspender_;
   platform::FileLock suspend_lock_;
@@ -1166,6 +1088,13 @@ std::filesystem::path CatalogLockPath(const std::filesystem::path& path) {
   std::filesystem::path lock = path;
   lock += ".lock";
   return lock;
+}
+
+bool CatalogBeingWritten(const std::filesystem::path& path) {
+  std::error_code ec;
+  if (!std::filesystem::exists(CatalogLockPath(path), ec)) return false;
+  platform::FileLock probe;
+  return probe.TryLock(CatalogLockPath(path)) == EWOULDBLOCK;
 }
 
 std::unique_ptr<CatalogEngine> OpenSqliteCatalog(const std::filesystem::path& path,

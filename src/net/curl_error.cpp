@@ -27,6 +27,7 @@ constexpr HResult kInetClientAuthCertNeeded = 12044;
 constexpr HResult kInetInvalidCa = 12045;
 constexpr HResult kInetInvalidServerResponse = 12152;
 constexpr HResult kInetSecureChannelError = 12157;
+constexpr HResult kInetDecodingFailed = 12175;
 constexpr HResult kNotEnoughMemory = 8;
 
 // OpenSSL's verification results that WinINet reports as a date problem
@@ -70,8 +71,9 @@ HResult TransportErrorFromCurl(const CurlFailure& failure) {
     case CURLE_GOT_NOTHING:
     case CURLE_HTTP2:
     case CURLE_HTTP2_STREAM:
-    case CURLE_BAD_CONTENT_ENCODING:
       return kInetInvalidServerResponse;
+    case CURLE_BAD_CONTENT_ENCODING:
+      return kInetDecodingFailed;
     case CURLE_PARTIAL_FILE:
       return kInetConnectionAborted;
     case CURLE_SEND_ERROR:

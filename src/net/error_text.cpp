@@ -43,11 +43,14 @@ constexpr std::pair<uint32_t, const char*> kTransportTexts[] = {
     {11004, "The host name has no address."},
     {12001, "No more handles could be generated at this time."},
     {12002, "The operation timed out."},
+    {12003, "The server returned an extended error."},
     {12004, "An internal error occurred in the HTTP transport."},
     {12005, "The URL is invalid."},
     {12006, "The URL does not use a recognized protocol."},
     {12007, "The server name could not be resolved."},
     {12009, "A request option is invalid."},
+    {12016, "The requested operation is invalid."},
+    {12019, "The request is in the wrong state for this operation."},
     {12013, "The user name is not valid."},
     {12014, "The password is not valid."},
     {12015, "The login request was denied."},
@@ -67,9 +70,15 @@ constexpr std::pair<uint32_t, const char*> kTransportTexts[] = {
     {12045, "The certificate authority of the server is not trusted."},
     {12150, "The requested header could not be found."},
     {12152, "The server returned an invalid or unrecognized response."},
+    {12153, "The supplied header is invalid."},
+    {12155, "The header already exists."},
     {12156, "The redirection failed."},
     {12157, "An error occurred in the secure channel."},
-    {12175, "A security error occurred on the connection."},
+    {12169, "The server's security certificate is not valid."},
+    {12170, "The server's security certificate has been revoked."},
+    {12175, "The content of the response could not be decoded."},
+    // The transport's own limit, beside libcurl's texts.
+    {kCurlErrorBase + 63, "The response is larger than the transport accepts."},
 };
 
 // Texts of the Win32 codes and HRESULTs the library passes through.
@@ -137,7 +146,12 @@ std::string FormatErrorMessage(HResult code) {
     return curl_easy_strerror(static_cast<CURLcode>(code - kCurlErrorBase));
   }
   if (std::string text = SystemText(code); !text.empty()) return text;
-  return fmt::sprintf(LoadHostString(strings::kErrorWithCode), code, code);
+  // A language file may carry a broken format; the code must still show.
+  try {
+    return fmt::sprintf(LoadHostString(strings::kErrorWithCode), code, code);
+  } catch (const fmt::format_error&) {
+    return fmt::sprintf("Error %u (0x%08X).", code, code);
+  }
 }
 
 }  // namespace dischive

@@ -4,7 +4,9 @@
 // nothing of one request leaks into the next.
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <chrono>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -13,6 +15,7 @@
 #include "dischive/http.h"
 #include "dischive/text.h"
 #include "net/curl_error.h"
+#include "platform/memory.h"
 
 namespace dischive {
 
@@ -25,6 +28,9 @@ constexpr HResult kInetInvalidUrl = 12005;
 constexpr HResult kInvalidParameter = 87;  // ERROR_INVALID_PARAMETER
 constexpr long kDefaultProxyPort = 80;     // WinINet's default; libcurl's would be 1080
 constexpr long kReceiveBufferSize = 256 * 1024;
+constexpr size_t kLargeBody = size_t{8} << 20;
+constexpr size_t kMaxResponseHeaders = size_t{256} << 10;  // below libcurl's own limit
+constexpr HResult kInetInvalidServerResponse = 12152;
 
 void EnsureCurlInitialized() {
   static std::once_flag once;
@@ -62,6 +68,7 @@ struct Transfer {
   bool in_header_out = false;
   bool headers_complete = false;  // the final (non-1xx) header block has ended
   bool body_too_large = false;
+  bool headers_too_large = false;
   bool receive_timed_out = false;
   bool connected = false;
   curl_off_t last_down = 0;
@@ -84,6 +91,10 @@ size_t OnHeader(char* data, size_t size, size_t count, void* user) {
   }
   while (!line.empty() && (line.back() == '\r' || line.back() == '\n'))
     line.remove_suffix(1);
+  if (line.size() + 2 > kMaxResponseHeaders - t.response_headers.size()) {
+    t.headers_too_large = true;  // a server that never ends its headers
+    return 0;
+  }
   t.response_headers.append(line);
   t.response_headers.append("\r\n");
   if (line.empty()) {
@@ -96,6 +107,9 @@ size_t OnHeader(char* data, size_t size, size_t count, void* user) {
     if (t.headers_complete && announced > 0) {
       const auto wanted = static_cast<unsigned long long>(announced);
       t.body.reserve(wanted < t.max_body ? static_cast<size_t>(wanted) : t.max_body);
+      if (t.body.capacity() >= kLargeBody) {
+        platform::AdviseSequentialFill(t.body.data(), t.body.capacity());
+      }
     }
   }
   return length;
@@ -242,8 +256,34 @@ namespace {
 struct Relaxations {
   bool skip_peer_check = false;
   bool skip_host_check = false;
-  bool proxy_challenge = false;  // the credentials answer a 407
+  bool proxy_challenge = false;       // the credentials answer a 407
+  unsigned long auth = CURLAUTH_ANY;  // the schemes the challenge offered
 };
+
+// The authentication schemes a 401/407 offers. A Basic-only challenge lets the
+// credentials go with the very next request instead of after another probe.
+unsigned long OfferedSchemes(std::string_view headers, bool proxy) {
+  const std::string_view name = proxy ? "proxy-authenticate:" : "www-authenticate:";
+  unsigned long schemes = 0;
+  size_t pos = 0;
+  while (pos < headers.size()) {
+    const size_t end = std::min(headers.find("\r\n", pos), headers.size());
+    std::string_view line = headers.substr(pos, end - pos);
+    pos = end + 2;
+    if (!StartsWithIgnoreCase(line, name)) continue;
+    const std::string_view value = TrimBlanks(line.substr(name.size()));
+    const std::string_view scheme = value.substr(0, value.find(' '));
+    if (EqualsIgnoreCase(scheme, "Basic"))
+      schemes |= CURLAUTH_BASIC;
+    else if (EqualsIgnoreCase(scheme, "Digest"))
+      schemes |= CURLAUTH_DIGEST;
+    else if (EqualsIgnoreCase(scheme, "NTLM"))
+      schemes |= CURLAUTH_NTLM;
+    else if (EqualsIgnoreCase(scheme, "Negotiate"))
+      schemes |= CURLAUTH_NEGOTIATE;
+  }
+  return schemes != 0 ? schemes : CURLAUTH_ANY;
+}
 
 void Configure(CURL* curl, const HttpSession::Impl& session, const HttpRequest& request,
                const Relaxations& relax, curl_slist* headers, Transfer& t) {
@@ -266,7 +306,9 @@ void Configure(CURL* curl, const HttpSession::Impl& session, const HttpRequest& 
   curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, kReceiveBufferSize);
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS,
                    static_cast<long>(request.connect_timeout.count()));
-  curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(request.max_body));
+  const auto largest = static_cast<size_t>(std::numeric_limits<curl_off_t>::max());
+  curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE,
+                   static_cast<curl_off_t>(std::min(request.max_body, largest)));
   if (!session.agent.empty()) curl_easy_setopt(curl, CURLOPT_USERAGENT, session.agent.c_str());
 
   switch (session.access_type) {
@@ -302,11 +344,11 @@ void Configure(CURL* curl, const HttpSession::Impl& session, const HttpRequest& 
     if (relax.proxy_challenge) {
       curl_easy_setopt(curl, CURLOPT_PROXYUSERNAME, request.user.c_str());
       curl_easy_setopt(curl, CURLOPT_PROXYPASSWORD, request.password.c_str());
-      curl_easy_setopt(curl, CURLOPT_PROXYAUTH, CURLAUTH_ANY);
+      curl_easy_setopt(curl, CURLOPT_PROXYAUTH, relax.auth);
     } else {
       curl_easy_setopt(curl, CURLOPT_USERNAME, request.user.c_str());
       curl_easy_setopt(curl, CURLOPT_PASSWORD, request.password.c_str());
-      curl_easy_setopt(curl, CURLOPT_HTTPAUTH, CURLAUTH_ANY);
+      curl_easy_setopt(curl, CURLOPT_HTTPAUTH, relax.auth);
     }
   }
   if (relax.skip_peer_check) curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
@@ -395,6 +437,15 @@ HResult ExecuteHttpRequest(HttpRequest& request, HttpSession& session) {
     HResult error = net::TransportErrorFromCurl(failure);
     if (t.body_too_large || failure.code == CURLE_FILESIZE_EXCEEDED) error = kHttpBodyTooLarge;
     if (t.receive_timed_out) error = 12002;
+    // libcurl calls a reply that is not HTTP at all (HTTP/0.9 or noise) an
+    // unsupported protocol, and a header line past its limit "out of memory";
+    // for the caller both are an invalid server response.
+    const bool refused_reply =
+        t.connected && !t.headers_complete &&
+        (failure.code == CURLE_UNSUPPORTED_PROTOCOL || failure.code == CURLE_OUT_OF_MEMORY);
+    if (t.headers_too_large || refused_reply) {
+      error = kInetInvalidServerResponse;
+    }
 
     long status = 0;
     curl_easy_getinfo(s.curl, CURLINFO_RESPONSE_CODE, &status);
@@ -427,7 +478,10 @@ HResult ExecuteHttpRequest(HttpRequest& request, HttpSession& session) {
       if (outcome == kPromptRetry) {
         if (error == 12045 || error == 12037) relax.skip_peer_check = true;
         if (error == 12038) relax.skip_host_check = true;
-        relax.proxy_challenge = status == 407;
+        if (status == 401 || status == 407) {
+          relax.proxy_challenge = status == 407;
+          relax.auth = OfferedSchemes(t.response_headers, relax.proxy_challenge);
+        }
         continue;
       }
       // With no response to hand back, "continue" cannot clear the error.

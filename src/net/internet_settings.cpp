@@ -26,7 +26,10 @@ InternetSettings LoadInternetSettings(const SettingsStore& settings) {
   }
   // Port 80 is never written out: a bare host name means port 80.
   const int32_t port = settings.GetInt(kGroup, "http_proxy_port", kPlainHttpPort);
-  if (port != kPlainHttpPort) out.proxy_address += ":" + std::to_string(port);
+  if (port != kPlainHttpPort) {
+    out.proxy_address += ':';
+    out.proxy_address += std::to_string(port);
+  }
   return out;
 }
 

@@ -30,7 +30,26 @@ static void test_identifiers(void) {
   free(b);
 }
 
+static void test_http_texts(void) {
+  HttpRequest request;
+  char* text = NULL;
+  char* message = FormatErrorMessage(12029);
+  CHECK(message != NULL && strstr(message, "connect") != NULL);
+  free(message);
+
+  /* Refused before any network use: no server. */
+  memset(&request, 0, sizeof request);
+  request.access_type = 1;
+  CHECK(PerformHttpRequest(&request) == 87);
+  CHECK(request.response_body == NULL);
+
+  CHECK(AppendTranscriptLines(&text, "GET / HTTP/1.1\r\nHost: h\r\n", 2) == 0);
+  CHECK(text != NULL && strcmp(text, ">| GET / HTTP/1.1\r\n>| Host: h\r\n") == 0);
+  free(text);
+}
+
 int main(void) {
   test_identifiers();
+  test_http_texts();
   return failures == 0 ? 0 : 1;
 }

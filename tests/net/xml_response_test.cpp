@@ -1,0 +1,150 @@
+#include <gtest/gtest.h>
+#include <libxml/tree.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include "dischive/xml_response.h"
+#include "support/temp_dir.h"
+
+namespace dischive {
+namespace {
+
+class PrefixedReader : public XmlResponseReader {
+ public:
+  std::string GetSelectionNamespaces() const override {
+    return "xmlns:z='urn:test:items' xmlns:q=\"urn:test:other\"";
+  }
+};
+
+TEST(XmlResponseTest, SelectsTextsWithAndWithoutNamespaces) {
+  const std::string body =
+      "<?xml version=\"1.0\"?>\n<Response xmlns=\"urn:test:items\"><Items>"
+      "<Item id=\"7\"><Title>  Blue Train  </Title><Note><![CDATA[a<b]]> &amp; c</Note></Item>"
+      "<Item id=\"8\"><Title>Second</Title></Item></Items></Response>";
+  PrefixedReader reader;
+  XmlDocument doc;
+  ASSERT_EQ(reader.LoadXmlResponse(body, doc), kOk) << reader.last_error();
+
+  std::string text = "untouched";
+  EXPECT_TRUE(reader.SelectNodeText(doc.node(), "z:Response/z:Items/z:Item/z:Title", text));
+  EXPECT_EQ(text, "Blue Train");
+  EXPECT_TRUE(reader.SelectNodeText(doc.node(), "//z:Item[2]/@id", text));
+  EXPECT_EQ(text, "8");
+  EXPECT_TRUE(reader.SelectNodeText(doc.node(), "//z:Note", text));
+  EXPECT_EQ(text, "a<b & c");
+
+  // Relative to a node; nothing found leaves the text alone.
+  const std::vector<_xmlNode*> items = reader.SelectNodes(doc.node(), "//z:Item");
+  ASSERT_EQ(items.size(), 2u);
+  EXPECT_TRUE(reader.SelectNodeText(items[1], "z:Title", text));
+  EXPECT_EQ(text, "Second");
+  text = "untouched";
+  EXPECT_FALSE(reader.SelectNodeText(items[1], "z:Note", text));
+  EXPECT_FALSE(reader.SelectNodeText(doc.node(), "//Item", text));     // no prefix: no match
+  EXPECT_FALSE(reader.SelectNodeText(doc.node(), "//z:Item[", text));  // bad XPath
+  EXPECT_FALSE(reader.SelectNodeText(doc.node(), "//z:Item/namespace::*", text));
+  EXPECT_EQ(text, "untouched");
+
+  // The base reader declares nothing, so prefixed paths find nothing.
+  XmlResponseReader plain;
+  XmlDocument plain_doc;
+  ASSERT_EQ(plain.LoadXmlResponse("<a><b>x</b></a>", plain_doc), kOk);
+  EXPECT_TRUE(plain.SelectNodeText(plain_doc.node(), "a/b", text));
+  EXPECT_EQ(text, "x");
+  EXPECT_FALSE(plain.SelectNodeText(doc.node(), "//z:Item", text));
+}
+
+TEST(XmlResponseTest, DeclaredEncodingDecidesAndCodePageConverts) {
+  const std::string latin1 = "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><t>Caf\xE9</t>";
+  XmlResponseReader reader;
+  XmlDocument doc;
+  ASSERT_EQ(reader.LoadXmlResponse(latin1, doc), kOk) << reader.last_error();
+  std::string text;
+  ASSERT_TRUE(reader.SelectNodeText(doc.node(), "t", text));
+  EXPECT_EQ(text, "Caf\xC3\xA9");
+  reader.code_page = 1252;
+  ASSERT_TRUE(reader.SelectNodeText(doc.node(), "t", text));
+  EXPECT_EQ(text, "Caf\xE9");
+
+  // The body ends at its first NUL.
+  XmlDocument cut;
+  EXPECT_EQ(reader.LoadXmlResponse(std::string("<t>a</t>\0<junk", 14), cut), kOk);
+}
+
+TEST(XmlResponseTest, BadInputGivesCodes) {
+  struct Case {
+    std::string body;
+    HResult expected;
+  };
+  const Case cases[] = {
+      {"", kFail},
+      {"<a><b></a>", kFail},
+      {"not xml at all", kFail},
+      {"<a>\xFF\xFE</a>", kFail},  // not UTF-8, nothing declared
+  };
+  XmlResponseReader reader;
+  for (const Case& c : cases) {
+    XmlDocument doc;
+    EXPECT_EQ(reader.LoadXmlResponse(c.body, doc), c.expected) << c.body;
+    EXPECT_FALSE(doc);
+    EXPECT_FALSE(reader.last_error().empty());
+  }
+
+  class BrokenReader : public XmlResponseReader {
+    std::string GetSelectionNamespaces() const override { return "xmlns:z=unquoted"; }
+  } broken;
+  XmlDocument doc;
+  EXPECT_EQ(broken.LoadXmlResponse("<a/>", doc), kInvalidArgument);
+}
+
+TEST(XmlResponseTest, HostileDocumentsReadNoFileAndStayBounded) {
+  test::TempDir dir;
+  const auto secret = dir / "secret.txt";
+  test::WriteFile(secret, "TOP-SECRET");
+  const int watch_fd = inotify_init1(IN_NONBLOCK);
+  ASSERT_GE(watch_fd, 0);
+  ASSERT_GE(inotify_add_watch(watch_fd, secret.c_str(), IN_OPEN | IN_ACCESS), 0);
+
+  const std::string external = "<?xml version=\"1.0\"?><!DOCTYPE r [<!ENTITY x SYSTEM \"file://" +
+                               secret.string() + "\">]><r>[&x;]</r>";
+  const std::string external_dtd =
+      "<?xml version=\"1.0\"?><!DOCTYPE r SYSTEM \"file://" + secret.string() + "\"><r>ok</r>";
+  for (const std::string& body : {external, external_dtd}) {
+    XmlResponseReader reader;
+    XmlDocument doc;
+    if (reader.LoadXmlResponse(body, doc) == kOk) {
+      std::string text;
+      ASSERT_TRUE(reader.SelectNodeText(doc.node(), "r", text));
+      EXPECT_EQ(text.find("TOP-SECRET"), std::string::npos);
+    }
+  }
+  char events[4096];
+  EXPECT_LE(read(watch_fd, events, sizeof events), 0) << "the file was opened";
+  close(watch_fd);
+
+  std::string laughs = "<?xml version=\"1.0\"?><!DOCTYPE r [<!ENTITY l0 \"lollollollol\">";
+  for (int i = 1; i <= 9; ++i) {
+    laughs += "<!ENTITY l" + std::to_string(i) + " \"";
+    for (int j = 0; j < 10; ++j)
+      laughs += "&l" + std::to_string(i - 1) + ";";
+    laughs += "\">";
+  }
+  laughs += "]><r>&l9;</r>";
+  XmlResponseReader reader;
+  XmlDocument doc;
+  EXPECT_EQ(reader.LoadXmlResponse(laughs, doc), kFail);  // refused by the parser
+
+  // Wide instead of deep: 20 MB of expansion from an 80 KB body parses, and its
+  // text stops at the expansion budget.
+  std::string wide = "<!DOCTYPE r [<!ENTITY k \"" + std::string(1000, 'k') + "\">]><r>";
+  for (int i = 0; i < 20000; ++i)
+    wide += "&k;";
+  wide += "</r>";
+  ASSERT_EQ(reader.LoadXmlResponse(wide, doc), kOk) << reader.last_error();
+  std::string text;
+  ASSERT_TRUE(reader.SelectNodeText(doc.node(), "r", text));
+  EXPECT_EQ(text.size(), kMaxEntityExpansion);
+}
+
+}  // namespace
+}  // namespace dischive
