@@ -5,6 +5,7 @@
 
 #include "cddb/disc_lookup.h"
 #include "dischive/strings.h"
+#include "dischive/text.h"
 #include "dischive/version.h"
 
 namespace dischive::detail {
@@ -142,8 +143,10 @@ class CddbpSource : public FreedbSource {
   CddbpSource(const SettingsStore& settings, std::string* transcript)
       : server_(settings.GetString(kFreedbSettingsGroup, "cddb_server", DefaultCddbServer())),
         port_(settings.GetInt(kFreedbSettingsGroup, "cddb_port", kDefaultCddbPort)),
-        hello_(SplitHelloAddress(FreedbEmailAddress(settings))),
         proto_(FreedbProtoLevel(settings)),
+        // Below level 6 the server reads ISO-8859-1.
+        hello_(SplitHelloAddress(proto_ >= 6 ? FreedbEmailAddress(settings)
+                                             : Utf8ToLatin1(FreedbEmailAddress(settings)))),
         timeout_seconds_(settings.GetInt(kFreedbSettingsGroup, "cddb_timeout", 30)),
         transcript_(transcript) {}
 
@@ -216,8 +219,8 @@ class CddbpSource : public FreedbSource {
 
   std::string server_;
   int32_t port_;
-  FreedbHello hello_;
   int proto_;
+  FreedbHello hello_;
   int32_t timeout_seconds_;
   std::string* transcript_;
   CddbpConnection connection_;
@@ -231,8 +234,13 @@ namespace dischive {
 HResult LookupDiscsCddbp(DiscLookupRequest& request, const SettingsStore& settings,
                          std::string* transcript) {
   detail::CddbpSource source(settings, transcript);
-  detail::PostProgress(request, 0,
-                       fmt::sprintf(LoadHostString(strings::kConnecting), source.server()));
+  // The text comes from a language file: its "%s" is filled in by hand so that
+  // a translation with other conversions cannot break the formatting.
+  std::string connecting = LoadHostString(strings::kConnecting);
+  if (const size_t at = connecting.find("%s"); at != std::string::npos) {
+    connecting.replace(at, 2, source.server());
+  }
+  detail::PostProgress(request, 0, std::move(connecting));
   const HResult opened = source.Open();
   if (opened != kOk) {
     // Every disc says why it was not looked up.

@@ -37,8 +37,10 @@ std::optional<uint32_t> ParseDiscId(std::string_view word) {
   return value;
 }
 
-std::string HelloText(std::string_view email_address) {
-  const FreedbHello hello = SplitHelloAddress(email_address);
+std::string HelloText(std::string_view email_address, int proto) {
+  // Below level 6 the server reads ISO-8859-1.
+  const FreedbHello hello =
+      SplitHelloAddress(proto >= 6 ? std::string(email_address) : Utf8ToLatin1(email_address));
   const LibraryVersion& version = GetLibraryVersion();
   // The hello travels inside a query string: a "+" or "&" in the address must
   // not turn into a blank or a new parameter.
@@ -63,15 +65,15 @@ std::string BuildQueryRequest(const DiscToc& toc, std::string_view email_address
       fmt::sprintf("?cmd=cddb+query+%08lx+%d+", static_cast<unsigned long>(id), tracks);
   for (uint32_t k = 0; k < tracks; ++k)
     out += fmt::sprintf("%d+", toc.frame_offsets[k]);
-  out += fmt::sprintf("%d&hello=%s&proto=%d", toc.disc_length_seconds, HelloText(email_address),
-                      proto);
+  out += fmt::sprintf("%d&hello=%s&proto=%d", toc.disc_length_seconds,
+                      HelloText(email_address, proto), proto);
   return out;
 }
 
 std::string BuildReadRequest(uint32_t disc_id, std::string_view category,
                              std::string_view email_address, int proto) {
   return fmt::sprintf("?cmd=cddb+read+%s+%08lx&hello=%s&proto=%d", PercentEncode(category),
-                      static_cast<unsigned long>(disc_id), HelloText(email_address), proto);
+                      static_cast<unsigned long>(disc_id), HelloText(email_address, proto), proto);
 }
 
 std::optional<size_t> ParseMatchLine(std::string_view text, FreedbMatch& match) {
@@ -156,12 +158,12 @@ bool FindMatchByArtistTitle(std::string_view artist, std::string_view title,
 }
 
 // The public freedb-compatible service today is gnudb: its general host first,
-// then the other names it answers under, then the dBpoweramp mirror.
+// then its second name, then the dBpoweramp mirror. Fewer than the twelve slots
+// of the options page are filled: no other public mirrors remain.
 const std::vector<std::string>& FreedbServers() {
   static const std::vector<std::string> servers = {
       "gnudb.gnudb.org",
       "gnudb.org",
-      "www.gnudb.org",
       "freedb.dbpoweramp.com",
   };
   return servers;

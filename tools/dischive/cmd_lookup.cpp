@@ -233,7 +233,7 @@ int RunLookup(const Options& options, Context& context) {
       choice.chosen = n - 1;
       return 1;
     }
-    if (!context.stdin_is_terminal || context.json) {
+    if (!context.stdin_is_terminal) {
       std::string list;
       for (uint32_t i = 0; i < choice.count; ++i) {
         list += fmt::format("\n    {}. {} / {} [{} {:08x}]", i + 1, choice.matches[i].artist,
