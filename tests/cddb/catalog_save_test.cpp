@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
-#include "cddb/lookup_harness.h"
 #include "dischive/cddb.h"
 #include "dischive/sqlite_catalog.h"
+#include "support/lookup_harness.h"
 #include "support/temp_dir.h"
 
 namespace dischive::test {

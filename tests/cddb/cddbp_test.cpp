@@ -2,9 +2,9 @@
 #include <gtest/gtest.h>
 
 #include "cddb/cddbp.h"
-#include "cddb/lookup_harness.h"
 #include "dischive/version.h"
 #include "support/fake_freedb.h"
+#include "support/lookup_harness.h"
 
 namespace dischive::test {
 namespace {
@@ -30,15 +30,7 @@ const std::string kEntry =
 class CddbpTest : public ::testing::Test {
  protected:
   CddbpTest() {
-    db->Add({"rock", 0x0a0b0c03, 0, true, "The Band / First Album", kEntry});
-    db->Add({"misc", 0x1000a002, 0, false, "Zoë / Cantar",
-             MakeXmcd(0x1000a002, "Zoë / Cantar", 2001, "Folk", {"Ä", "B"})});
-    db->Add({"folk", 0x1000a0ff, 0x1000a002, false, "Other / Thing",
-             MakeXmcd(0x1000a0ff, "Other / Thing", 2002, "Folk", {"X", "Y"})});
-    db->Add({"rock", 0x2000b002, 0, true, "The Band / Second",
-             MakeXmcd(0x2000b002, "The Band / Second", 2003, "Rock", {"S1", "S2"})});
-    db->Add({"jazz", 0x2000b0aa, 0x2000b002, true, "Someone / Else",
-             MakeXmcd(0x2000b0aa, "Someone / Else", 2003, "Jazz", {"E1", "E2"})});
+    AddSampleDiscs(*db);
     for (MemorySettingsStore* s : {&settings}) {
       s->SetString("internet2", "cddb_server", "127.0.0.1");
       s->SetInt("internet2", "cddb_port", server.port());

@@ -1,10 +1,10 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "cddb/lookup_harness.h"
 #include "dischive/strings.h"
 #include "dischive/version.h"
 #include "support/fake_freedb.h"
+#include "support/lookup_harness.h"
 
 namespace dischive::test {
 namespace {
@@ -16,18 +16,7 @@ std::string Version() {
 class FreedbHttpLookupTest : public ::testing::Test {
  protected:
   FreedbHttpLookupTest() {
-    db->Add(
-        {"rock", 0x0a0b0c03, 0, true, "The Band / First Album",
-         MakeXmcd(0x0a0b0c03, "The Band / First Album", 1999, "Rock", {"One", "Two", "Three"}, 2)});
-    // Two candidates for the second disc, one for a name match on the third.
-    db->Add({"misc", 0x1000a002, 0, false, "Zoë / Cantar",
-             MakeXmcd(0x1000a002, "Zoë / Cantar", 2001, "Folk", {"Ä", "B"})});
-    db->Add({"folk", 0x1000a0ff, 0x1000a002, false, "Other / Thing",
-             MakeXmcd(0x1000a0ff, "Other / Thing", 2002, "Folk", {"X", "Y"})});
-    db->Add({"rock", 0x2000b002, 0, true, "The Band / Second",
-             MakeXmcd(0x2000b002, "THE BAND / Second Disc 2", 2003, "Rock", {"S1", "S2"})});
-    db->Add({"jazz", 0x2000b0aa, 0x2000b002, true, "Someone / Else",
-             MakeXmcd(0x2000b0aa, "Someone / Else", 2003, "Jazz", {"E1", "E2"})});
+    AddSampleDiscs(*db);
     settings.SetString("internet2", "acquire_url", server.url());
     settings.SetString("internet2", "email_address", "me+tag@example.org");
     settings.SetInt("internet2", "preconfig_http_proxy", 0);

@@ -57,6 +57,20 @@ std::string MakeXmcd(uint32_t disc_id, const std::string& dtitle, int year,
   return out;
 }
 
+void AddSampleDiscs(FakeFreedbDatabase& db) {
+  db.Add(
+      {"rock", 0x0a0b0c03, 0, true, "The Band / First Album",
+       MakeXmcd(0x0a0b0c03, "The Band / First Album", 1999, "Rock", {"One", "Two", "Three"}, 2)});
+  db.Add({"misc", 0x1000a002, 0, false, "Zoë / Cantar",
+          MakeXmcd(0x1000a002, "Zoë / Cantar", 2001, "Folk", {"Ä", "B"})});
+  db.Add({"folk", 0x1000a0ff, 0x1000a002, false, "Other / Thing",
+          MakeXmcd(0x1000a0ff, "Other / Thing", 2002, "Folk", {"X", "Y"})});
+  db.Add({"rock", 0x2000b002, 0, true, "The Band / Second",
+          MakeXmcd(0x2000b002, "THE BAND / Second Disc 2", 2003, "Rock", {"S1", "S2"})});
+  db.Add({"jazz", 0x2000b0aa, 0x2000b002, true, "Someone / Else",
+          MakeXmcd(0x2000b0aa, "Someone / Else", 2003, "Jazz", {"E1", "E2"})});
+}
+
 void FakeFreedbDatabase::Add(FakeEntry entry) {
   if (entry.query_disc_id == 0) entry.query_disc_id = entry.disc_id;
   std::lock_guard<std::mutex> guard(mutex_);

@@ -36,6 +36,17 @@ std::string MakeXmcd(uint32_t disc_id, const std::string& dtitle, int year,
                      const std::string& genre, const std::vector<std::string>& tracks,
                      int revision = 0);
 
+class FakeFreedbDatabase;
+
+/// The sample discs the lookup tests share:
+///   rock 0a0b0c03 "The Band / First Album" (1999, rev. 2; tracks One, Two, Three), an
+///     exact match of its own id;
+///   misc 1000a002 "Zoë / Cantar" (tracks Ä, B) and folk 1000a0ff "Other / Thing"
+///     (X, Y), both inexact matches of id 1000a002;
+///   rock 2000b002 "The Band / Second" (entry "THE BAND / Second Disc 2"; S1, S2)
+///     and jazz 2000b0aa "Someone / Else", both exact matches of id 2000b002.
+void AddSampleDiscs(FakeFreedbDatabase& db);
+
 /// The freedb database: answers command lines as a freedb server at protocol
 /// level 5 (ISO-8859-1 texts) or 6 (UTF-8).
 class FakeFreedbDatabase {
