@@ -5,7 +5,9 @@
 #include <benchmark/benchmark.h>
 #include <httplib.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -79,8 +81,19 @@ void ResetPeak() {
   std::ofstream("/proc/self/clear_refs") << "5";
 }
 
-// Seconds the curl tool takes to fetch the body into `target`; < 0 on failure.
-double TimeCurlTool(const std::string& url, const std::string& target) {
+double CpuSeconds(const timeval& t) {
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6;
+}
+
+double ThreadCpuSeconds() {
+  timespec t{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
+
+// Seconds the curl tool takes to fetch the body into `target` (its processor
+// time in *cpu_seconds); < 0 on failure.
+double TimeCurlTool(const std::string& url, const std::string& target, double* cpu_seconds) {
   pid_t pid = -1;
   const char* argv[] = {"curl", "-s", "--noproxy", "*", "-o", target.c_str(), url.c_str(), nullptr};
   const auto start = std::chrono::steady_clock::now();
@@ -88,7 +101,9 @@ double TimeCurlTool(const std::string& url, const std::string& target) {
     return -1;
   }
   int status = 0;
-  waitpid(pid, &status, 0);
+  rusage usage{};
+  wait4(pid, &status, 0, &usage);
+  *cpu_seconds = CpuSeconds(usage.ru_utime) + CpuSeconds(usage.ru_stime);
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? seconds : -1;
@@ -96,7 +111,7 @@ double TimeCurlTool(const std::string& url, const std::string& target) {
 
 // Seconds PerformHttpRequest takes; *peak_ratio is its peak memory growth over
 // the body size. < 0 on failure.
-double TimeTransport(double* peak_ratio) {
+double TimeTransport(double* peak_ratio, double* cpu_seconds) {
   dischive::HttpRequest request;
   request.access_type = dischive::AccessType::kDirect;
   request.server = "127.0.0.1";
@@ -105,10 +120,12 @@ double TimeTransport(double* peak_ratio) {
   request.max_body = kBodySize;
   const size_t before = StatusValue("VmRSS:");
   ResetPeak();
+  const double cpu_start = ThreadCpuSeconds();
   const auto start = std::chrono::steady_clock::now();
   const dischive::HResult result = dischive::PerformHttpRequest(request);
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  *cpu_seconds = ThreadCpuSeconds() - cpu_start;
   const size_t peak = dischive::bench::PeakResidentBytes();
   if (result != dischive::kOk || request.response_body.size() != kBodySize) return -1;
   *peak_ratio = static_cast<double>(peak - before) / kBodySize;
@@ -129,15 +146,16 @@ void BM_HttpDownload(benchmark::State& state) {
   const std::string ram_file =
       "/dev/shm/dischive-bench-" + std::to_string(static_cast<long>(getpid()));
   const bool have_ram_fs = access("/dev/shm", W_OK) == 0;
-  std::vector<double> curl_null, curl_ram, transport;
+  std::vector<double> curl_null, curl_ram, transport, curl_null_cpu, transport_cpu;
   double worst_peak = 0;
   for (auto _ : state) {
     for (int round = 0; round < 7; ++round) {
-      const double a = TimeCurlTool(url, "/dev/null");
-      const double b = have_ram_fs ? TimeCurlTool(url, ram_file) : 0;
+      double a_cpu = 0, b_cpu = 0, c_cpu = 0;
+      const double a = TimeCurlTool(url, "/dev/null", &a_cpu);
+      const double b = have_ram_fs ? TimeCurlTool(url, ram_file, &b_cpu) : 0;
       std::remove(ram_file.c_str());
       double peak = 0;
-      const double c = TimeTransport(&peak);
+      const double c = TimeTransport(&peak, &c_cpu);
       if (a < 0 || b < 0 || c < 0) {
         state.SkipWithError("a download failed");
         return;
@@ -145,6 +163,8 @@ void BM_HttpDownload(benchmark::State& state) {
       curl_null.push_back(a);
       if (have_ram_fs) curl_ram.push_back(b);
       transport.push_back(c);
+      curl_null_cpu.push_back(a_cpu);
+      transport_cpu.push_back(c_cpu);
       worst_peak = std::max(worst_peak, peak);
     }
   }
@@ -158,6 +178,9 @@ void BM_HttpDownload(benchmark::State& state) {
     state.counters["vs_curl_ram"] = transport_rate / rate(Median(curl_ram));
   }
   state.counters["peak_vs_body"] = worst_peak;
+  // Processor time per download does not depend on how busy the machine is.
+  state.counters["curl_null_cpu_ms"] = Median(curl_null_cpu) * 1000;
+  state.counters["transport_cpu_ms"] = Median(transport_cpu) * 1000;
 }
 
 }  // namespace

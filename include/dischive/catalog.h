@@ -131,9 +131,14 @@ struct ArtistEntry {
 enum class WriteMode {
   kReplace,  ///< the stored album becomes exactly the given one (properties,
              ///< volumes and tracks not given are removed)
-  kMerge,    ///< given properties are set, others kept; volumes and tracks are
-             ///< matched by record id and number, missing ones kept
+  kMerge,    ///< given properties are set, others kept; a name list (artists,
+             ///< composers, a credit list, the line-up) given non-empty replaces
+             ///< the stored one; volumes and tracks are matched by record id and
+             ///< number (a volume's title, lengths and times are taken when
+             ///< non-empty or non-zero), new ones appended, missing ones kept
 };
+// In both modes a kept volume keeps its cover; a volume the album no longer
+// holds is removed with its cover.
 
 /// The keys of the ten user-editable value lists and their option texts.
 inline constexpr const char* kUserListKeys[] = {
@@ -162,9 +167,9 @@ class CatalogEngine {
   virtual size_t AlbumCount() = 0;
   /// Numbers of albums, volumes, tracks, covers and artist entries.
   virtual CatalogCounts Counts() = 0;
-  /// Visits every album in a stable order (by identifier), one at a time so
-  /// that memory does not grow with the catalogue; stops when `visit` returns
-  /// false. Returns 0 or a failure code.
+  /// Visits every album in a stable order (the order in which the albums were
+  /// first stored), one at a time so that memory does not grow with the
+  /// catalogue; stops when `visit` returns false. Returns 0 or a failure code.
   virtual HResult ForEachAlbum(const std::function<bool(const AlbumRecord&)>& visit) = 0;
   /// One album by identifier.
   virtual std::optional<AlbumRecord> ReadAlbum(std::string_view album_id) = 0;
@@ -173,8 +178,12 @@ class CatalogEngine {
   /// One volume by its record id, with its tracks.
   virtual std::optional<VolumeRecord> ReadVolume(uint32_t record_id) = 0;
   /// Creates (empty id: a new random identifier is assigned and written back)
-  /// or updates an album with its volumes and tracks, in one transaction. The
-  /// modification time is set to now. Returns 0 or a failure code.
+  /// or updates an album with its volumes and tracks, in one transaction. A
+  /// given identifier must be 16 hexadecimal digits (stored in upper case). The
+  /// modification time is set to now. Tracks are stored in number order.
+  /// Returns 0, or kInvalidArgument (see LastErrorText) for a bad identifier, a
+  /// volume given twice or held by another album, or a track number 0 or given
+  /// twice; the catalogue is then unchanged.
   virtual HResult WriteAlbum(AlbumRecord& album, WriteMode mode) = 0;
   /// Removes an album with its volumes, tracks and covers.
   virtual HResult DeleteAlbum(std::string_view album_id) = 0;
@@ -208,7 +217,7 @@ class CatalogEngine {
   virtual uint32_t ArtistsModified() = 0;
   /// Adds or replaces the entry with the same name.
   virtual HResult WriteArtist(const ArtistEntry& artist) = 0;
-  /// Removes the entry with this name (kCatalogNotFound-style code when absent).
+  /// Removes the entry with this name (1168, ERROR_NOT_FOUND, when absent).
   virtual HResult RemoveArtist(std::string_view name) = 0;
 
   // Database properties by group and key ("db_opts", "medialib") ----------------

@@ -49,6 +49,10 @@ inline constexpr uint32_t kPromptCancel = 1223;  ///< end the request with 1223
 /// request with that value as the error).
 using HttpPrompt = std::function<uint32_t(HResult error, uint32_t status)>;
 
+/// Progress of a response body: bytes received and the announced total (0
+/// when the server did not say). Returning false cancels the request (12017).
+using HttpProgress = std::function<bool(uint64_t received, uint64_t expected)>;
+
 /// One request and, after the call, its response.
 struct HttpRequest {
   // Connection.
@@ -76,6 +80,7 @@ struct HttpRequest {
   std::chrono::milliseconds connect_timeout{60000};
   std::chrono::milliseconds receive_timeout{30000};  ///< longest time without data
   size_t max_body = size_t{64} << 20;                ///< a longer body ends the request
+  HttpProgress progress;                             ///< optional; called as the body arrives
 
   // The response.
   std::string sent_headers;      ///< raw request headers as sent, CR LF separated
@@ -87,7 +92,10 @@ struct HttpRequest {
 /// Copies agent, access type and proxy from the settings into a request.
 void ApplyInternetSettings(const InternetSettings& settings, HttpRequest& request);
 
-/// A connection kept between requests to the same server.
+/// A connection kept between requests to the same server. The first request
+/// opens it with its agent, access type, proxy, server and port; later requests
+/// on the session reuse it as it is (their own connection fields are not
+/// read) until CloseHttpSession. Not to be shared between threads.
 class HttpSession {
  public:
   HttpSession();
@@ -108,7 +116,12 @@ class HttpSession {
 
 /// Sends one request on the session (opening it on first use) and collects the
 /// response into the request. Returns 0 when the exchange took place (the caller
-/// checks the status code), else the error.
+/// checks the status code), else the error: a WinINet number (12002 time-out,
+/// 12007 name not resolved, 12029 cannot connect, 12030 connection broken off,
+/// 12045 untrusted certificate, ...), 1223 when the prompt cancelled,
+/// kHttpBodyTooLarge, or kCurlErrorBase + CURLcode. When the response arrived
+/// and its body broke off, headers, status and the partial body are kept
+/// beside the error; a failure before the response leaves them empty.
 HResult ExecuteHttpRequest(HttpRequest& request, HttpSession& session);
 /// Closes the session's connection.
 void CloseHttpSession(HttpSession& session);

@@ -154,4 +154,53 @@ bool DecodeNames(std::string_view bytes, AlbumRecord* album) {
   return true;
 }
 
+std::string EncodeAlbum(const AlbumRecord& album) {
+  std::string out;
+  out.push_back(1);
+  out.push_back(
+      static_cast<char>((album.various_artists ? 1 : 0) | (album.various_composers ? 2 : 0)));
+  PutText(out, EncodeProperties(album.properties));
+  PutText(out, EncodeNames(album));
+  PutU32(out, static_cast<uint32_t>(album.volumes.size()));
+  for (const VolumeRecord& v : album.volumes) {
+    PutU32(out, v.record_id);
+    PutText(out, v.title);
+    PutU32(out, v.frames);
+    PutU32(out, v.created);
+    PutU32(out, v.played);
+    PutText(out, EncodeProperties(v.properties));
+    PutText(out, EncodeTracks(v.tracks));
+  }
+  return out;
+}
+
+bool DecodeAlbum(std::string_view bytes, AlbumRecord* album) {
+  Reader in(bytes);
+  uint8_t version, flags;
+  uint32_t count;
+  std::string_view properties, names;
+  if (!in.U8(&version) || version != 1 || !in.U8(&flags) || !in.Text(&properties) ||
+      !in.Text(&names) || !in.U32(&count)) {
+    return false;
+  }
+  album->various_artists = (flags & 1) != 0;
+  album->various_composers = (flags & 2) != 0;
+  if (!DecodeProperties(properties, &album->properties) || !DecodeNames(names, album)) {
+    return false;
+  }
+  // Each volume takes at least 32 bytes: a count beyond that is damage.
+  if (count > bytes.size() / 32) return false;
+  for (uint32_t i = 0; i < count; ++i) {
+    VolumeRecord& v = album->volumes.emplace_back();
+    std::string_view title, volume_properties, tracks;
+    if (!in.U32(&v.record_id) || !in.Text(&title) || !in.U32(&v.frames) || !in.U32(&v.created) ||
+        !in.U32(&v.played) || !in.Text(&volume_properties) || !in.Text(&tracks) ||
+        !DecodeProperties(volume_properties, &v.properties) || !DecodeTracks(tracks, &v.tracks)) {
+      return false;
+    }
+    v.title = title;
+  }
+  return in.done();
+}
+
 }  // namespace dischive::catalog

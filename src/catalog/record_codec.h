@@ -5,6 +5,10 @@
 //                                                     kind 1: value = length:u32 bytes
 //   tracks     := { number:u32  frames:u32  length:u32  properties[length] }*
 //   names      := { list:u8  name:text  role:text  period:text }*   text = length:u32 bytes
+//   album      := version:u8(1)  flags:u8  properties:text  names:text  count:u32  volume*
+//                 (flags: 1 various artists, 2 various composers)
+//   volume     := record_id:u32  title:text  frames:u32  created:u32  played:u32
+//                 properties:text  tracks:text
 //
 // Decoding checks every length against the bytes left and fails on anything
 // that does not fit, so a damaged column is reported, never overrun.
@@ -35,5 +39,11 @@ bool DecodeTracks(std::string_view bytes, std::vector<TrackRecord>* out);
 std::string EncodeNames(const AlbumRecord& album);
 /// Appends the decoded names to the lists of *album.
 bool DecodeNames(std::string_view bytes, AlbumRecord* album);
+
+/// Everything of an album but its identifier and modification time.
+std::string EncodeAlbum(const AlbumRecord& album);
+/// Fills the flags, properties, names and volumes of *album (which should be
+/// empty); false when the bytes are malformed.
+bool DecodeAlbum(std::string_view bytes, AlbumRecord* album);
 
 }  // namespace dischive::catalog

@@ -1,10 +1,12 @@
 // The embedded catalogue engine: one ".dab" SQLite file in write-ahead-log
-// mode. An album is one row and each of its volumes one row; their properties
-// are kept by field id in one column each (record_codec.h), and a volume's
-// tracks with theirs in another, so that new fields need no schema change and
-// an album is written and read with a handful of row operations. One process
-// writes at a time: a writer holds an flock on the lock file beside the
-// database for as long as it has the catalogue open.
+// mode. An album is one row: its flags, its properties by field id, its name
+// lists and its volumes with their tracks are kept in one column
+// (record_codec.h), so that new fields need no schema change and an album is
+// written and read as one row. New albums are appended (row ids ascend), and
+// the catalogue is walked in row order, so that a walk reads the file front to
+// back; small indexes find an album by identifier and a volume's album by the
+// volume's record id. One process writes at a time: a writer
+// holds an flock on the lock file beside the database while it has it open.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -28,12 +30,8 @@ namespace dischive {
 namespace {
 
 using catalog::Connection;
-using catalog::DecodeNames;
-using catalog::DecodeProperties;
-using catalog::DecodeTracks;
-using catalog::EncodeNames;
-using catalog::EncodeProperties;
-using catalog::EncodeTracks;
+using catalog::DecodeAlbum;
+using catalog::EncodeAlbum;
 using catalog::ResetGuard;
 using catalog::SqlFailure;
 using catalog::Statement;
@@ -48,22 +46,12 @@ CREATE TABLE albums(
   aid INTEGER PRIMARY KEY,
   id TEXT NOT NULL UNIQUE,
   modified INTEGER NOT NULL DEFAULT 0,
-  various_artists INTEGER NOT NULL DEFAULT 0,
-  various_composers INTEGER NOT NULL DEFAULT 0,
-  properties BLOB NOT NULL DEFAULT x'',
-  names BLOB NOT NULL DEFAULT x'');
+  record BLOB NOT NULL);
 CREATE TABLE volumes(
   record_id INTEGER PRIMARY KEY,
   aid INTEGER NOT NULL REFERENCES albums(aid) ON DELETE CASCADE,
-  pos INTEGER NOT NULL,
-  title TEXT NOT NULL DEFAULT '',
-  frames INTEGER NOT NULL DEFAULT 0,
-  created INTEGER NOT NULL DEFAULT 0,
-  played INTEGER NOT NULL DEFAULT 0,
-  properties BLOB NOT NULL DEFAULT x'',
-  tracks BLOB NOT NULL DEFAULT x'',
   track_count INTEGER NOT NULL DEFAULT 0);
-CREATE INDEX volumes_by_album ON volumes(aid, pos);
+CREATE INDEX volumes_by_album ON volumes(aid);
 CREATE TABLE covers(
   record_id INTEGER PRIMARY KEY REFERENCES volumes(record_id) ON DELETE CASCADE,
   bytes BLOB NOT NULL);
@@ -154,37 +142,22 @@ uint32_t U32(int64_t v) {
 struct Statements {
   explicit Statements(Connection& c)
       : count_albums(c, "SELECT count(*) FROM albums"),
-        album_by_id(c,
-                    "SELECT aid, id, modified, various_artists, various_composers, properties, "
-                    "names FROM albums WHERE id = ?1"),
-        album_volumes(c,
-                      "SELECT record_id, title, frames, created, played, properties, tracks "
-                      "FROM volumes WHERE aid = ?1 ORDER BY pos"),
-        volume_row(c,
-                   "SELECT record_id, title, frames, created, played, properties, tracks, aid "
-                   "FROM volumes WHERE record_id = ?1"),
-        album_of_volume(c,
-                        "SELECT a.id FROM volumes v JOIN albums a ON a.aid = v.aid "
-                        "WHERE v.record_id = ?1"),
-        insert_album(c,
-                     "INSERT INTO albums(id, modified, various_artists, various_composers, "
-                     "properties, names) VALUES(?1, ?2, ?3, ?4, ?5, ?6)"),
-        update_album(c,
-                     "UPDATE albums SET modified = ?2, various_artists = ?3, "
-                     "various_composers = ?4, properties = ?5, names = ?6 WHERE aid = ?1"),
+        album_row(c, "SELECT aid, id, modified, record FROM albums WHERE aid = ?1"),
+        album_by_id(c, "SELECT aid, id, modified, record FROM albums WHERE id = ?1"),
+        volume_album(c, "SELECT aid FROM volumes WHERE record_id = ?1"),
+        album_id_of_volume(c,
+                           "SELECT a.id FROM volumes v JOIN albums a ON a.aid = v.aid "
+                           "WHERE v.record_id = ?1"),
+        insert_album(c, "INSERT INTO albums(id, modified, record) VALUES(?1, ?2, ?3)"),
+        update_album(c, "UPDATE albums SET modified = ?2, record = ?3 WHERE aid = ?1"),
+        id_exists(c, "SELECT 1 FROM albums WHERE id = ?1"),
+        delete_album_by_id(c, "DELETE FROM albums WHERE id = ?1"),
         touch_album(c, "UPDATE albums SET modified = ?2 WHERE aid = ?1"),
         album_volume_ids(c, "SELECT record_id FROM volumes WHERE aid = ?1"),
-        next_volume_pos(c, "SELECT coalesce(max(pos) + 1, 0) FROM volumes WHERE aid = ?1"),
-        insert_volume(
-            c,
-            "INSERT INTO volumes(record_id, aid, pos, title, frames, created, played, "
-            "properties, tracks, track_count) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10)"),
-        update_volume(
-            c,
-            "UPDATE volumes SET pos = coalesce(?2, pos), title = ?3, frames = ?4, created = ?5, "
-            "played = ?6, properties = ?7, tracks = ?8, track_count = ?9 WHERE record_id = ?1"),
+        write_volume(c,
+                     "INSERT INTO volumes(record_id, aid, track_count) VALUES(?1, ?2, ?3) "
+                     "ON CONFLICT(record_id) DO UPDATE SET track_count = excluded.track_count"),
         delete_volume(c, "DELETE FROM volumes WHERE record_id = ?1"),
-        delete_album(c, "DELETE FROM albums WHERE aid = ?1"),
         read_cover(c, "SELECT bytes FROM covers WHERE record_id = ?1"),
         write_cover(c, "INSERT OR REPLACE INTO covers(record_id, bytes) VALUES(?1, ?2)"),
         delete_cover(c, "DELETE FROM covers WHERE record_id = ?1"),
@@ -208,12 +181,24 @@ struct Statements {
         get_meta(c, "SELECT value FROM meta WHERE key = ?1"),
         set_meta(c, "INSERT OR REPLACE INTO meta(key, value) VALUES(?1, ?2)") {}
 
-  Statement count_albums, album_by_id, album_volumes, volume_row, album_of_volume, insert_album,
-      update_album, touch_album, album_volume_ids, next_volume_pos, insert_volume, update_volume,
-      delete_volume, delete_album, read_cover, write_cover, delete_cover, list_artists,
-      artist_alt_names, artist_links, delete_artist, insert_artist, insert_alt_name, insert_link,
-      get_db_prop, set_db_prop, delete_db_prop, list_db_props, get_meta, set_meta;
+  Statement count_albums, album_row, album_by_id, volume_album, album_id_of_volume, insert_album,
+      update_album, id_exists, delete_album_by_id, touch_album, album_volume_ids, write_volume,
+      delete_volume, read_cover, write_cover, delete_cover, list_artists, artist_alt_names,
+      artist_links, delete_artist, insert_artist, insert_alt_name, insert_link, get_db_prop,
+      set_db_prop, delete_db_prop, list_db_props, get_meta, set_meta;
 };
+
+// An album identifier in its stored form (16 upper-case hexadecimal digits);
+// empty when the text is not 16 hexadecimal digits.
+std::optional<std::string> NormalAlbumId(std::string_view id) {
+  if (id.size() != 16) return std::nullopt;
+  std::string out(id);
+  for (char& c : out) {
+    if (c >= 'a' && c <= 'f') c = static_cast<char>(c - 'a' + 'A');
+    if (!((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))) return std::nullopt;
+  }
+  return out;
+}
 
 // A failure with its result code and message, raised inside a write and
 // turned into the returned code at the public boundary.
@@ -254,12 +239,33 @@ class SqliteCatalog final : public CatalogEngine {
       return kCatalogReadOnly;
     }
     try {
-      db_.Exec("PRAGMA busy_timeout = 5000; PRAGMA cache_size = -8192;");
-      if (writable_) {
-        db_.Exec(
-            "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON;");
-      } else {
-        db_.Exec("PRAGMA query_only = 1;");
+      try {
+        Configure();
+      } catch (const SqlFailure& f) {
+        // A reader of a file in a folder it cannot write (a catalogue on a
+        // read-only disc, a sample shipped with the program) cannot create the
+        // log's shared-memory file. With no log beside the file no writer is
+        // active, and the file can be read as unchanging.
+        std::error_code ec;
+        if (writable_ || (f.code() & 0xFF) != SQLITE_READONLY ||
+            std::filesystem::exists(path_.string() + "-wal", ec)) {
+          throw;
+        }
+        db_.Close();
+        std::string uri = "file:";
+        for (const char c : path_.string()) {
+          if (c == '%' || c == '?' || c == '#') {
+            uri += fmt::format("%{:02X}", static_cast<unsigned char>(c));
+          } else {
+            uri += c;
+          }
+        }
+        uri += "?immutable=1";
+        if (db_.Open(path_, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, message, uri) != SQLITE_OK) {
+          *message = path_.string() + " cannot be opened: " + *message;
+          return kCatalogInvalid;
+        }
+        Configure();
       }
       Statement version(db_, "PRAGMA user_version");
       const int64_t schema = version.Step() ? version.Int(0) : 0;
@@ -277,6 +283,18 @@ class SqliteCatalog final : public CatalogEngine {
   }
 
   const std::filesystem::path& path() const override { return path_; }
+
+  // Settings of the connection; the first read of the file happens here.
+  void Configure() {
+    db_.Exec("PRAGMA busy_timeout = 5000; PRAGMA cache_size = -8192;");
+    if (writable_) {
+      db_.Exec("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON;");
+    } else {
+      db_.Exec("PRAGMA query_only = 1;");
+    }
+    Statement probe(db_, "SELECT count(*) FROM sqlite_master");
+    probe.Step();
+  }
 
   size_t AlbumCount() override {
     std::lock_guard lock(mutex_);
@@ -312,31 +330,14 @@ class SqliteCatalog final : public CatalogEngine {
     std::lock_guard lock(mutex_);
     return Guard([&] {
       // One read transaction for the whole walk, so that it sees one state of
-      // the catalogue; a write made by `visit` joins it as a savepoint. One
-      // joined query yields each album followed by its volumes.
+      // the catalogue; a write made by `visit` joins it as a savepoint.
       Transaction snapshot(db_);
-      Statement cursor(db_,
-                       "SELECT a.aid, a.id, a.modified, a.various_artists, a.various_composers, "
-                       "a.properties, a.names, v.record_id, v.title, v.frames, v.created, "
-                       "v.played, v.properties, v.tracks FROM albums a "
-                       "LEFT JOIN volumes v ON v.aid = a.aid ORDER BY a.id, v.pos");
+      Statement cursor(db_, "SELECT aid, id, modified, record FROM albums ORDER BY aid");
       AlbumRecord album;
-      int64_t current = -1;
-      bool more = cursor.Step();
-      while (more) {
-        const int64_t aid = cursor.Int(0);
-        if (aid != current) {
-          album = AlbumRecord();
-          FillAlbumRow(cursor, album);
-          current = aid;
-        }
-        if (cursor.Type(7) != SQLITE_NULL) {
-          FillVolume(cursor, 7, album.volumes.emplace_back());
-        }
-        more = cursor.Step();
-        if (!more || cursor.Int(0) != current) {
-          if (!visit(album)) break;
-        }
+      while (cursor.Step()) {
+        album = AlbumRecord();
+        FillAlbum(cursor, album);
+        if (!visit(album)) break;
       }
       snapshot.Commit();
     });
@@ -346,14 +347,9 @@ class SqliteCatalog final : public CatalogEngine {
     std::lock_guard lock(mutex_);
     std::optional<AlbumRecord> result;
     Guard([&] {
-      Transaction snapshot(db_);
       AlbumRecord album;
-      const std::optional<int64_t> aid = FindAlbum(album_id, &album);
-      if (aid) {
-        LoadVolumes(*aid, album);
-        result = std::move(album);
-      }
-      snapshot.Commit();
+      const std::optional<std::string> id = NormalAlbumId(album_id);
+      if (id && FindAlbum(*id, &album)) result = std::move(album);
     });
     return result;
   }
@@ -362,7 +358,7 @@ class SqliteCatalog final : public CatalogEngine {
     std::lock_guard lock(mutex_);
     std::optional<std::string> result;
     Guard([&] {
-      Statement& s = st_->album_of_volume;
+      Statement& s = st_->album_id_of_volume;
       ResetGuard reset(s);
       s.Bind(1, int64_t{record_id});
       if (s.Step()) result = s.Text(0);
@@ -374,8 +370,10 @@ class SqliteCatalog final : public CatalogEngine {
     std::lock_guard lock(mutex_);
     std::optional<VolumeRecord> result;
     Guard([&] {
-      VolumeRecord volume;
-      if (FindVolume(record_id, &volume)) result = std::move(volume);
+      Transaction snapshot(db_);
+      AlbumRecord album;
+      if (const VolumeRecord* v = LoadVolume(record_id, &album)) result = *v;
+      snapshot.Commit();
     });
     return result;
   }
@@ -387,29 +385,74 @@ class SqliteCatalog final : public CatalogEngine {
       Validate(album);
       Transaction transaction(db_);
       const uint32_t now = Now();
-      std::string id = album.id;
-      AlbumRecord stored;
       std::optional<int64_t> aid;
-      if (!id.empty()) aid = FindAlbum(id, &stored);
-      if (!aid) {
-        if (id.empty()) id = NewAlbumId();
-        Statement& s = st_->insert_album;
-        s.Bind(1, id).Bind(2, int64_t{now});
-        s.Bind(3, album.various_artists ? 1 : 0).Bind(4, album.various_composers ? 1 : 0);
-        s.BindBlob(5, EncodeProperties(album.properties)).BindBlob(6, EncodeNames(album));
-        s.Run();
-        aid = sqlite3_last_insert_rowid(db_.handle());
-        mode = WriteMode::kReplace;  // nothing to merge with
+      AlbumRecord stored;
+      std::string id;
+      if (album.id.empty()) {
+        id = NewAlbumId();
       } else {
-        const AlbumRecord& row =
-            mode == WriteMode::kMerge ? MergeAlbumFields(stored, album) : album;
-        Statement& s = st_->update_album;
-        s.Bind(1, *aid).Bind(2, int64_t{now});
-        s.Bind(3, row.various_artists ? 1 : 0).Bind(4, row.various_composers ? 1 : 0);
-        s.BindBlob(5, EncodeProperties(row.properties)).BindBlob(6, EncodeNames(row));
-        s.Run();
+        const std::optional<std::string> normal = NormalAlbumId(album.id);
+        if (!normal) {
+          throw Refusal{kInvalidArgument,
+                        "album identifier \"" + album.id + "\" is not 16 hexadecimal digits"};
+        }
+        id = *normal;
+        // Replace mode needs only to know that the album exists.
+        aid = FindAlbum(id, mode == WriteMode::kMerge ? &stored : nullptr);
       }
-      WriteVolumes(*aid, album, mode);
+      const bool exists = aid.has_value();
+      AlbumRecord result;
+      if (exists && mode == WriteMode::kMerge) {
+        result = std::move(stored);
+        MergeAlbum(result, album);
+      } else {
+        result = album;
+      }
+      for (VolumeRecord& v : result.volumes) {
+        SortTracks(v);
+      }
+      // A volume belongs to one album: refuse one that another album holds.
+      for (const VolumeRecord& v : result.volumes) {
+        const std::optional<int64_t> owner = AlbumOfVolume(v.record_id);
+        if (owner && owner != aid) {
+          throw Refusal{kInvalidArgument,
+                        fmt::format("volume {:08X} already belongs to another album", v.record_id)};
+        }
+      }
+      if (exists) {
+        st_->update_album.Bind(1, *aid)
+            .Bind(2, int64_t{now})
+            .BindBlob(3, EncodeAlbum(result))
+            .Run();
+      } else {
+        st_->insert_album.Bind(1, id).Bind(2, int64_t{now}).BindBlob(3, EncodeAlbum(result)).Run();
+        aid = sqlite3_last_insert_rowid(db_.handle());
+      }
+      // Volumes the album no longer holds go, with their covers.
+      if (exists) {
+        std::vector<int64_t> dropped;
+        {
+          Statement& s = st_->album_volume_ids;
+          ResetGuard reset(s);
+          s.Bind(1, *aid);
+          while (s.Step()) {
+            const uint32_t rid = U32(s.Int(0));
+            if (std::none_of(result.volumes.begin(), result.volumes.end(),
+                             [rid](const VolumeRecord& v) { return v.record_id == rid; })) {
+              dropped.push_back(rid);
+            }
+          }
+        }
+        for (const int64_t rid : dropped) {
+          st_->delete_volume.Bind(1, rid).Run();
+        }
+      }
+      for (const VolumeRecord& v : result.volumes) {
+        st_->write_volume.Bind(1, int64_t{v.record_id})
+            .Bind(2, *aid)
+            .Bind(3, static_cast<int64_t>(v.tracks.size()))
+            .Run();
+      }
       transaction.Commit();
       album.id = id;
       album.modified = now;
@@ -421,9 +464,11 @@ class SqliteCatalog final : public CatalogEngine {
     if (const HResult refused = CheckWritable(lock); refused != kOk) return refused;
     return Guard([&] {
       Transaction transaction(db_);
-      const std::optional<int64_t> aid = FindAlbum(album_id, nullptr);
-      if (!aid) throw Refusal{kCatalogNotFound, fmt::format("no album {}", album_id)};
-      st_->delete_album.Bind(1, *aid).Run();
+      const std::optional<std::string> id = NormalAlbumId(album_id);
+      if (id) st_->delete_album_by_id.Bind(1, *id).Run();
+      if (!id || sqlite3_changes(db_.handle()) == 0) {
+        throw Refusal{kCatalogNotFound, fmt::format("no album {}", album_id)};
+      }
       transaction.Commit();
     });
   }
@@ -433,43 +478,31 @@ class SqliteCatalog final : public CatalogEngine {
     std::lock_guard lock(mutex_);
     std::optional<PropertyValue> result;
     Guard([&] {
-      VolumeRecord volume;
-      if (!FindVolume(record_id, &volume)) return;
-      const PropertySet* properties = PropertiesAt(volume, index);
-      if (properties == nullptr) return;
-      if (const PropertyValue* value = properties->Find(id)) result = *value;
+      Transaction snapshot(db_);
+      AlbumRecord album;
+      if (VolumeRecord* v = LoadVolume(record_id, &album)) {
+        if (const PropertySet* properties = PropertiesAt(*v, index)) {
+          if (const PropertyValue* value = properties->Find(id)) result = *value;
+        }
+      }
+      snapshot.Commit();
     });
     return result;
   }
 
   HResult SetVolumeProperty(uint32_t record_id, field::FieldId id, uint32_t index,
                             const PropertyValue& value) override {
-    std::unique_lock lock(mutex_);
-    if (const HResult refused = CheckWritable(lock); refused != kOk) return refused;
-    return Guard([&] {
-      Transaction transaction(db_);
-      VolumeRecord volume;
-      const int64_t aid = RequireRecord(record_id, index, &volume);
-      PropertiesAt(volume, index)->Set(id, value);
-      UpdateVolume(volume, -1);
-      Touch(aid);
-      transaction.Commit();
+    return EditVolume(record_id, index, [&](PropertySet& properties) {
+      properties.Set(id, value);
+      return true;
     });
   }
 
   HResult RemoveVolumeProperty(uint32_t record_id, field::FieldId id, uint32_t index) override {
-    std::unique_lock lock(mutex_);
-    if (const HResult refused = CheckWritable(lock); refused != kOk) return refused;
-    return Guard([&] {
-      Transaction transaction(db_);
-      VolumeRecord volume;
-      const int64_t aid = RequireRecord(record_id, index, &volume);
-      PropertySet* properties = PropertiesAt(volume, index);
-      if (!properties->Has(id)) return;
-      properties->Remove(id);
-      UpdateVolume(volume, -1);
-      Touch(aid);
-      transaction.Commit();
+    return EditVolume(record_id, index, [&](PropertySet& properties) {
+      if (!properties.Has(id)) return false;
+      properties.Remove(id);
+      return true;
     });
   }
 
@@ -508,13 +541,14 @@ class SqliteCatalog final : public CatalogEngine {
     if (const HResult refused = CheckWritable(lock); refused != kOk) return refused;
     return Guard([&] {
       Transaction transaction(db_);
-      const int64_t aid = RequireRecord(record_id, 0, nullptr);
+      const std::optional<int64_t> aid = AlbumOfVolume(record_id);
+      if (!aid) throw Refusal{kCatalogNotFound, fmt::format("no volume {:08X}", record_id)};
       if (bytes.empty()) {
         st_->delete_cover.Bind(1, int64_t{record_id}).Run();
       } else {
         st_->write_cover.Bind(1, int64_t{record_id}).BindBlob(2, bytes).Run();
       }
-      Touch(aid);
+      Touch(*aid);
       transaction.Commit();
     });
   }
@@ -781,7 +815,6 @@ class SqliteCatalog final : public CatalogEngine {
   }
 
   static void Validate(const AlbumRecord& album) {
-    if (album.id.size() > 64) throw Refusal{kInvalidArgument, "album identifier too long"};
     std::set<uint32_t> ids;
     for (const VolumeRecord& v : album.volumes) {
       if (!ids.insert(v.record_id).second) {
@@ -802,68 +835,92 @@ class SqliteCatalog final : public CatalogEngine {
     }
   }
 
-  std::string NewAlbumId() {
-    for (;;) {
-      std::string id = NewRandomIdentifier();
-      if (!FindAlbum(id, nullptr)) return id;
-    }
-  }
-
-  // The album row with this identifier; fills the row's fields into *album.
-  std::optional<int64_t> FindAlbum(std::string_view id, AlbumRecord* album) {
-    Statement& s = st_->album_by_id;
-    ResetGuard reset(s);
-    s.Bind(1, id);
-    if (!s.Step()) return std::nullopt;
-    if (album != nullptr) FillAlbumRow(s, *album);
-    return s.Int(0);
-  }
-
   [[noreturn]] void Damaged(std::string_view what) const {
     throw FatalDatabaseError(path_.string(), fmt::format("damaged record: {}", what));
   }
 
-  // Columns 1-6 of an album query: id, times, flags, properties and names.
-  void FillAlbumRow(const Statement& s, AlbumRecord& album) const {
+  // An album row's columns: aid, id, modified, record.
+  void FillAlbum(const Statement& s, AlbumRecord& album) const {
     album.id = s.Text(1);
     album.modified = U32(s.Int(2));
-    album.various_artists = s.Int(3) != 0;
-    album.various_composers = s.Int(4) != 0;
-    if (!DecodeProperties(s.Blob(5), &album.properties) || !DecodeNames(s.Blob(6), &album)) {
-      Damaged("album " + album.id);
-    }
+    if (!DecodeAlbum(s.Blob(3), &album)) Damaged("album " + album.id);
   }
 
-  // Seven volume columns from `first` on: record id, title, frames, created,
-  // played, properties, tracks.
-  void FillVolume(const Statement& s, int first, VolumeRecord& volume) const {
-    volume.record_id = U32(s.Int(first));
-    volume.title = s.Text(first + 1);
-    volume.frames = U32(s.Int(first + 2));
-    volume.created = U32(s.Int(first + 3));
-    volume.played = U32(s.Int(first + 4));
-    if (!DecodeProperties(s.Blob(first + 5), &volume.properties) ||
-        !DecodeTracks(s.Blob(first + 6), &volume.tracks)) {
-      Damaged(fmt::format("volume {:08X}", volume.record_id));
-    }
-  }
-
-  void LoadVolumes(int64_t aid, AlbumRecord& album) {
-    Statement& s = st_->album_volumes;
+  bool LoadAlbum(int64_t aid, AlbumRecord* album) {
+    Statement& s = st_->album_row;
     ResetGuard reset(s);
     s.Bind(1, aid);
-    while (s.Step())
-      FillVolume(s, 0, album.volumes.emplace_back());
+    if (!s.Step()) return false;
+    FillAlbum(s, *album);
+    return true;
   }
 
-  // The volume with this record id and the row id of its album.
-  std::optional<int64_t> FindVolume(uint32_t record_id, VolumeRecord* volume) {
-    Statement& s = st_->volume_row;
+  // The row of the album with this (stored-form) identifier, loaded into
+  // *album when given.
+  std::optional<int64_t> FindAlbum(const std::string& id, AlbumRecord* album) {
+    Statement& s = st_->album_by_id;
+    ResetGuard reset(s);
+    s.Bind(1, id);
+    if (!s.Step()) return std::nullopt;
+    if (album != nullptr) FillAlbum(s, *album);
+    return s.Int(0);
+  }
+
+  std::optional<int64_t> AlbumOfVolume(uint32_t record_id) {
+    Statement& s = st_->volume_album;
     ResetGuard reset(s);
     s.Bind(1, int64_t{record_id});
     if (!s.Step()) return std::nullopt;
-    if (volume != nullptr) FillVolume(s, 0, *volume);
-    return s.Int(7);
+    return s.Int(0);
+  }
+
+  // Loads the album that holds the volume into *album and returns the volume
+  // in it, or nullptr when there is no such volume.
+  VolumeRecord* LoadVolume(uint32_t record_id, AlbumRecord* album, int64_t* row = nullptr) {
+    const std::optional<int64_t> aid = AlbumOfVolume(record_id);
+    if (!aid || !LoadAlbum(*aid, album)) return nullptr;
+    if (row != nullptr) *row = *aid;
+    for (VolumeRecord& v : album->volumes) {
+      if (v.record_id == record_id) return &v;
+    }
+    Damaged(fmt::format("volume {:08X} is missing from album {}", record_id, album->id));
+  }
+
+  std::string NewAlbumId() {
+    for (;;) {
+      std::string id = NewRandomIdentifier();
+      Statement& s = st_->id_exists;
+      ResetGuard reset(s);
+      s.Bind(1, id);
+      if (!s.Step()) return id;
+    }
+  }
+
+  // Changes the properties of a volume (index 0) or of one of its tracks;
+  // `edit` returns whether it changed anything.
+  HResult EditVolume(uint32_t record_id, uint32_t index,
+                     const std::function<bool(PropertySet&)>& edit) {
+    std::unique_lock lock(mutex_);
+    if (const HResult refused = CheckWritable(lock); refused != kOk) return refused;
+    return Guard([&] {
+      Transaction transaction(db_);
+      AlbumRecord album;
+      int64_t aid = 0;
+      VolumeRecord* v = LoadVolume(record_id, &album, &aid);
+      if (v == nullptr) throw Refusal{kCatalogNotFound, fmt::format("no volume {:08X}", record_id)};
+      PropertySet* properties = PropertiesAt(*v, index);
+      if (properties == nullptr) {
+        throw Refusal{kCatalogNotFound,
+                      fmt::format("volume {:08X} has no track {}", record_id, index)};
+      }
+      if (edit(*properties)) {
+        st_->update_album.Bind(1, aid)
+            .Bind(2, int64_t{Now()})
+            .BindBlob(3, EncodeAlbum(album))
+            .Run();
+      }
+      transaction.Commit();
+    });
   }
 
   // The properties of the volume (index 0) or of its track `index`; nullptr
@@ -876,30 +933,17 @@ class SqliteCatalog final : public CatalogEngine {
     return nullptr;
   }
 
-  // Rewrites a volume row; a negative position keeps the stored one.
-  void UpdateVolume(const VolumeRecord& v, int64_t pos) {
-    Statement& s = st_->update_volume;
-    s.Bind(1, int64_t{v.record_id});
-    if (pos >= 0) s.Bind(2, pos);  // unbound: NULL, the stored position stays
-    s.Bind(3, v.title)
-        .Bind(4, int64_t{v.frames})
-        .Bind(5, int64_t{v.created})
-        .Bind(6, int64_t{v.played})
-        .BindBlob(7, EncodeProperties(v.properties))
-        .BindBlob(8, EncodeTracks(SortedTracks(v.tracks)))
-        .Bind(9, static_cast<int64_t>(v.tracks.size()))
-        .Run();
+  static void SortTracks(VolumeRecord& v) {
+    std::stable_sort(
+        v.tracks.begin(), v.tracks.end(),
+        [](const TrackRecord& a, const TrackRecord& b) { return a.number < b.number; });
   }
 
-  static std::vector<TrackRecord> SortedTracks(std::vector<TrackRecord> tracks) {
-    std::sort(tracks.begin(), tracks.end(),
-              [](const TrackRecord& a, const TrackRecord& b) { return a.number < b.number; });
-    return tracks;
-  }
-
-  // The stored album fields with the given ones merged in: given properties
-  // set, others kept; a name list given non-empty replaces the stored one.
-  static const AlbumRecord& MergeAlbumFields(AlbumRecord& stored, const AlbumRecord& album) {
+  // Merges `album` into the stored one: given properties set, others kept; a
+  // name list given non-empty replaces the stored one; volumes matched by
+  // record id (title, length and times taken when given, properties set,
+  // tracks matched by number), new volumes appended, missing ones kept.
+  static void MergeAlbum(AlbumRecord& stored, const AlbumRecord& album) {
     for (const auto& [id, value] : album.properties.values())
       stored.properties.Set(id, value);
     if (!album.artists.empty() || album.various_artists) {
@@ -914,11 +958,17 @@ class SqliteCatalog final : public CatalogEngine {
       if (!album.credits[c].empty()) stored.credits[c] = album.credits[c];
     }
     if (!album.lineup.empty()) stored.lineup = album.lineup;
-    return stored;
+    for (const VolumeRecord& v : album.volumes) {
+      auto it = std::find_if(stored.volumes.begin(), stored.volumes.end(),
+                             [&v](const VolumeRecord& s) { return s.record_id == v.record_id; });
+      if (it == stored.volumes.end()) {
+        stored.volumes.push_back(v);
+      } else {
+        MergeVolume(*it, v);
+      }
+    }
   }
 
-  // A stored volume with a given one merged in: title, length and times when
-  // given (non-empty, non-zero), properties set, tracks matched by number.
   static void MergeVolume(VolumeRecord& stored, const VolumeRecord& v) {
     if (!v.title.empty()) stored.title = v.title;
     if (v.frames != 0) stored.frames = v.frames;
@@ -927,93 +977,16 @@ class SqliteCatalog final : public CatalogEngine {
     for (const auto& [id, value] : v.properties.values())
       stored.properties.Set(id, value);
     for (const TrackRecord& t : v.tracks) {
-      PropertySet* properties = PropertiesAt(stored, t.number);
-      if (properties == nullptr) {
+      auto it = std::find_if(stored.tracks.begin(), stored.tracks.end(),
+                             [&t](const TrackRecord& s) { return s.number == t.number; });
+      if (it == stored.tracks.end()) {
         stored.tracks.push_back(t);
         continue;
       }
+      if (t.frames != 0) it->frames = t.frames;
       for (const auto& [id, value] : t.properties.values())
-        properties->Set(id, value);
-      if (t.frames != 0) {
-        for (TrackRecord& s : stored.tracks) {
-          if (s.number == t.number) s.frames = t.frames;
-        }
-      }
+        it->properties.Set(id, value);
     }
-  }
-
-  void WriteVolumes(int64_t aid, const AlbumRecord& album, WriteMode mode) {
-    // A volume belongs to one album: refuse one that another album holds.
-    for (const VolumeRecord& v : album.volumes) {
-      const std::optional<int64_t> owner = FindVolume(v.record_id, nullptr);
-      if (owner && *owner != aid) {
-        throw Refusal{kInvalidArgument,
-                      fmt::format("volume {:08X} already belongs to another album", v.record_id)};
-      }
-    }
-    std::set<uint32_t> stored;
-    {
-      Statement& s = st_->album_volume_ids;
-      ResetGuard reset(s);
-      s.Bind(1, aid);
-      while (s.Step())
-        stored.insert(U32(s.Int(0)));
-    }
-    if (mode == WriteMode::kReplace) {
-      for (const uint32_t id : stored) {
-        const bool kept = std::any_of(album.volumes.begin(), album.volumes.end(),
-                                      [id](const VolumeRecord& v) { return v.record_id == id; });
-        if (!kept) st_->delete_volume.Bind(1, int64_t{id}).Run();
-      }
-    }
-    int64_t next_pos = 0;
-    if (mode == WriteMode::kMerge) {
-      Statement& s = st_->next_volume_pos;
-      ResetGuard reset(s);
-      s.Bind(1, aid);
-      if (s.Step()) next_pos = s.Int(0);
-    }
-    for (size_t i = 0; i < album.volumes.size(); ++i) {
-      const VolumeRecord& v = album.volumes[i];
-      if (stored.count(v.record_id) != 0) {
-        if (mode == WriteMode::kMerge) {
-          VolumeRecord merged;
-          FindVolume(v.record_id, &merged);
-          MergeVolume(merged, v);
-          UpdateVolume(merged, -1);
-        } else {
-          // The row stays (and with it the volume's cover).
-          UpdateVolume(v, static_cast<int64_t>(i));
-        }
-        continue;
-      }
-      const int64_t pos = mode == WriteMode::kMerge ? next_pos++ : static_cast<int64_t>(i);
-      st_->insert_volume.Bind(1, int64_t{v.record_id})
-          .Bind(2, aid)
-          .Bind(3, pos)
-          .Bind(4, v.title)
-          .Bind(5, int64_t{v.frames})
-          .Bind(6, int64_t{v.created})
-          .Bind(7, int64_t{v.played})
-          .BindBlob(8, EncodeProperties(v.properties))
-          .BindBlob(9, EncodeTracks(SortedTracks(v.tracks)))
-          .Bind(10, static_cast<int64_t>(v.tracks.size()))
-          .Run();
-    }
-  }
-
-  // The album row that owns the volume (filled into *volume when given);
-  // refuses a missing volume or track.
-  int64_t RequireRecord(uint32_t record_id, uint32_t index, VolumeRecord* volume) {
-    VolumeRecord found;
-    const std::optional<int64_t> aid = FindVolume(record_id, &found);
-    if (!aid) throw Refusal{kCatalogNotFound, fmt::format("no volume {:08X}", record_id)};
-    if (PropertiesAt(found, index) == nullptr) {
-      throw Refusal{kCatalogNotFound,
-                    fmt::format("volume {:08X} has no track {}", record_id, index)};
-    }
-    if (volume != nullptr) *volume = std::move(found);
-    return *aid;
   }
 
   void Touch(int64_t aid) { st_->touch_album.Bind(1, aid).Bind(2, int64_t{Now()}).Run(); }

@@ -61,6 +61,7 @@ struct Transfer {
   CURL* curl = nullptr;
   size_t max_body = 0;
   Clock::duration receive_timeout{};
+  const HttpProgress* progress = nullptr;
 
   std::string sent_headers;
   std::string response_headers;
@@ -156,7 +157,7 @@ int OnConnected(void* user, char*, char*, int, int) {
 
 // Ends a transfer that has gone without data longer than the receive time-out
 // (libcurl's own low-speed limit counts whole seconds only).
-int OnProgress(void* user, curl_off_t, curl_off_t down, curl_off_t, curl_off_t up) {
+int OnProgress(void* user, curl_off_t total, curl_off_t down, curl_off_t, curl_off_t up) {
   auto& t = *static_cast<Transfer*>(user);
   const Clock::time_point now = Clock::now();
   if (down != t.last_down || up != t.last_up) {
@@ -167,6 +168,11 @@ int OnProgress(void* user, curl_off_t, curl_off_t down, curl_off_t, curl_off_t u
   if (t.connected && now - t.last_activity > t.receive_timeout) {
     t.receive_timed_out = true;
     return 1;
+  }
+  if (t.progress != nullptr && *t.progress && t.headers_complete &&
+      !(*t.progress)(static_cast<uint64_t>(down),
+                     static_cast<uint64_t>(std::max<curl_off_t>(total, 0)))) {
+    return 1;  // the caller cancelled: reported as 12017
   }
   return 0;
 }
@@ -427,6 +433,7 @@ HResult ExecuteHttpRequest(HttpRequest& request, HttpSession& session) {
     t.curl = s.curl;
     t.max_body = request.max_body;
     t.receive_timeout = request.receive_timeout;
+    t.progress = &request.progress;
     curl_easy_reset(s.curl);
     Configure(s.curl, s, request, relax, headers.get(), t);
 

@@ -85,6 +85,13 @@ class HttpSessionTest : public ::testing::Test {
         return true;
       });
     });
+    s.Get("/trickle", [](const httplib::Request&, httplib::Response& res) {
+      res.set_content_provider(4u << 20, "application/octet-stream",
+                               [](size_t, size_t, httplib::DataSink& sink) {
+                                 std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                                 return sink.write(std::string(64 << 10, 't').data(), 64 << 10);
+                               });
+    });
     s.Get("/stall", [](const httplib::Request&, httplib::Response& res) {
       res.set_content_provider(100000, "application/octet-stream",
                                [](size_t offset, size_t, httplib::DataSink& sink) {
@@ -177,6 +184,29 @@ TEST_F(HttpSessionTest, DecodingAsksForAndUndoesCompression) {
   EXPECT_NE(decoded.response_headers.find("Content-Encoding: "), std::string::npos)
       << decoded.response_headers;
   EXPECT_EQ(decoded.response_body, text_);
+}
+
+TEST_F(HttpSessionTest, ProgressReportsAndCancels) {
+  HttpRequest r = Get("/big");
+  uint64_t last = 0, expected = 0;
+  bool ordered = true;
+  r.progress = [&](uint64_t received, uint64_t total) {
+    ordered &= received >= last;
+    last = received;
+    expected = total;
+    return true;
+  };
+  ASSERT_EQ(PerformHttpRequest(r), kOk);
+  EXPECT_TRUE(ordered);
+  EXPECT_EQ(last, big_.size());
+  EXPECT_EQ(expected, big_.size());
+
+  HttpRequest cancelled = Get("/trickle");
+  cancelled.progress = [](uint64_t received, uint64_t) { return received < (256u << 10); };
+  EXPECT_EQ(PerformHttpRequest(cancelled), 12017u);
+  EXPECT_EQ(cancelled.status_code, 200u);
+  EXPECT_GE(cancelled.response_body.size(), size_t{256} << 10);
+  EXPECT_LT(cancelled.response_body.size(), size_t{4} << 20);
 }
 
 TEST_F(HttpSessionTest, SessionKeepsItsConnection) {

@@ -16,6 +16,7 @@
 #include "dischive/http.h"
 #include "dischive/strings.h"
 #include "dischive/text.h"
+#include "progress.h"
 
 namespace dischive::cli {
 namespace {
@@ -189,7 +190,14 @@ void Setup(CLI::App& app, Context& context) {
           request.access_type == AccessType::kNamedProxy ? request.proxy : request.server);
       context.Note(log);
       log += "\r\n";
+      ProgressBar bar("Downloading", 0, context.stderr_is_terminal && !context.json);
+      request.progress = [&bar](uint64_t received, uint64_t expected) {
+        bar.SetTotal(expected);
+        bar.Update(received);
+        return true;
+      };
       const HResult result = PerformHttpRequest(request);
+      bar.Finish();
       FormatHttpTranscript(log, request);
       if (context.verbosity >= 2 && !transcript) std::cerr << log << '\n';
 
@@ -222,7 +230,13 @@ void Setup(CLI::App& app, Context& context) {
         if (!log.ends_with("\r\n")) std::cout << "\r\n";
       } else if (!request.response_headers.empty()) {
         std::cout << StatusLine(request.response_headers) << '\n';
-        if (output.empty()) {
+        if (output.empty() && isatty(STDOUT_FILENO) != 0 &&
+            (!IsValidUtf8(request.response_body) ||
+             request.response_body.find('\0') != std::string::npos)) {
+          // Binary data would garble the terminal.
+          std::cout << LoadHostString(strings::kBinaryBody) << " (" << request.response_body.size()
+                    << " bytes; use --output FILE)\n";
+        } else if (output.empty()) {
           std::cout << request.response_body;
         } else {
           std::cout << request.response_body.size() << " bytes written to " << output << '\n';
