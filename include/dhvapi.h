@@ -137,6 +137,92 @@ int DHVAPI_CALL WriteBackupFile(const char* database_path, const char* covers_fo
  * A metadata section that is found but damaged makes the result 0. */
 int DHVAPI_CALL ReadBackupInfo(const char* backup_path, DHV_BACKUP_INFO* info);
 
+/* freedb lookups ----------------------------------------------------------------
+ * The host fills one DhvDiscRecord per disc and calls a lookup on a thread of
+ * its own. The lookup takes the host's lock around every access to the
+ * request, stops without touching the records once the host has set `discs`
+ * to NULL under that lock, posts progress texts and sends the match choice
+ * through the host's callbacks, and finally stores each disc's result and
+ * metadata. Metadata texts and entry arrays are malloc'ed on both sides: the
+ * lookup frees what a record held and hands out new ones, which the host frees. */
+
+#define DHV_MAX_DISC_TRACKS 100
+#define DHV_VALUE_INT 3  /* DhvMetadataEntry.type: intValue holds the value */
+#define DHV_VALUE_TEXT 8 /* DhvMetadataEntry.type: text holds the value */
+
+typedef struct DhvDiscToc {
+  uint32_t discId;
+  uint32_t altDiscId; /* queried instead of discId when non-zero */
+  uint32_t trackCount;
+  uint32_t frameOffsets[DHV_MAX_DISC_TRACKS];
+  uint32_t discLengthSeconds;
+} DhvDiscToc;
+
+typedef struct DhvMetadataEntry {
+  uint32_t fieldId;
+  uint32_t index; /* 0 disc, n track n */
+  uint32_t type;  /* DHV_VALUE_INT or DHV_VALUE_TEXT */
+  int32_t intValue;
+  char* text; /* UTF-8, malloc'ed */
+} DhvMetadataEntry;
+
+typedef struct DhvDiscMetadata {
+  uint32_t count;
+  uint32_t capacity;
+  DhvMetadataEntry* entries; /* malloc'ed */
+  char* extraTexts[2];       /* malloc'ed or NULL */
+  uint32_t extraWords[3];
+} DhvDiscMetadata;
+
+typedef struct DhvDiscRecord {
+  DhvDiscToc toc;
+  DhvDiscMetadata metadata;
+  DHV_RESULT result;
+} DhvDiscRecord;
+
+typedef struct DhvFreedbMatch {
+  uint32_t discId;
+  const char* artist;
+  const char* title;
+  const char* category;
+} DhvFreedbMatch;
+
+/* Sent with the choice message: the host writes `chosen` and returns non-zero,
+ * or returns 0 to cancel. */
+typedef struct DhvMatchChoice {
+  uint32_t count;
+  uint32_t chosen; /* 0xFFFFFFFF until the host chooses */
+  const DhvFreedbMatch* matches;
+} DhvMatchChoice;
+
+typedef void(DHVAPI_CALL* DhvLockCallback)(void* context);
+/* A progress text (malloc'ed; the host frees it). */
+typedef void(DHVAPI_CALL* DhvPostCallback)(void* owner, uint32_t message, uintptr_t wparam,
+                                           char* text);
+typedef intptr_t(DHVAPI_CALL* DhvSendCallback)(void* owner, uint32_t message, uintptr_t wparam,
+                                               DhvMatchChoice* choice);
+
+typedef struct DhvDiscLookupRequest {
+  DhvLockCallback lock;
+  DhvLockCallback unlock;
+  void* lockContext;
+  DhvDiscRecord* discs; /* NULL (set under the lock): the host abandoned the request */
+  uint32_t discCount;
+  void* owner; /* passed to post and send */
+  DhvPostCallback post;
+  DhvSendCallback send;
+  uint32_t progressMessage; /* wparam: 0, or index | count << 16 for several discs */
+  uint32_t choiceMessage;
+  uint32_t matchByName; /* later discs: take the match equal to the held artist and title */
+} DhvDiscLookupRequest;
+
+/* Looks the discs up over HTTP (settings "acquire_url", "email_address"). Returns
+ * 0, 0x80004004 when abandoned, 0x80070057 for a bad request; each disc's
+ * outcome is in its record. */
+DHV_RESULT DHVAPI_CALL LookupDiscsFreedb(DhvDiscLookupRequest* request);
+/* The same over the CDDB socket protocol ("cddb_server", "cddb_port"). */
+DHV_RESULT DHVAPI_CALL LookupDiscsCddbp(DhvDiscLookupRequest* request);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,122 @@
+// freedb lookups over HTTP: each command is a GET of the configured lookup
+// address ("acquire_url") with "?cmd=...&hello=...&proto=..." appended.
+#include <fmt/printf.h>
+
+#include "cddb/disc_lookup.h"
+#include "dischive/http.h"
+#include "dischive/strings.h"
+#include "dischive/text.h"
+
+namespace dischive {
+namespace {
+
+// The parts of an "http://host[:port]/path" address (https is taken too).
+struct HttpAddress {
+  std::string host;
+  uint16_t port = 80;
+  std::string path;
+};
+
+std::optional<HttpAddress> ParseHttpAddress(std::string_view url) {
+  HttpAddress address;
+  if (StartsWithIgnoreCase(url, "http://")) {
+    url.remove_prefix(7);
+  } else if (StartsWithIgnoreCase(url, "https://")) {
+    url.remove_prefix(8);
+    address.port = 443;
+  } else {
+    return std::nullopt;
+  }
+  const size_t slash = url.find('/');
+  std::string_view authority = url.substr(0, slash);
+  address.path = slash == std::string_view::npos ? "/" : std::string(url.substr(slash));
+  const size_t colon = authority.rfind(':');
+  if (colon != std::string_view::npos) {
+    const std::string_view digits = authority.substr(colon + 1);
+    if (digits.empty() || digits.size() > 5) return std::nullopt;
+    uint32_t port = 0;
+    for (const char c : digits) {
+      if (c < '0' || c > '9') return std::nullopt;
+      port = port * 10 + static_cast<uint32_t>(c - '0');
+    }
+    if (port == 0 || port > 65535) return std::nullopt;
+    address.port = static_cast<uint16_t>(port);
+    authority = authority.substr(0, colon);
+  }
+  if (authority.empty()) return std::nullopt;
+  address.host = authority;
+  return address;
+}
+
+class HttpFreedbSource : public detail::FreedbSource {
+ public:
+  HttpFreedbSource(const SettingsStore& settings, std::string* transcript)
+      : transcript_(transcript),
+        internet_(LoadInternetSettings(settings)),
+        address_(ParseHttpAddress(
+            settings.GetString(kFreedbSettingsGroup, "acquire_url", DefaultAcquireUrl()))),
+        email_(detail::FreedbEmailAddress(settings)),
+        proto_(detail::FreedbProtoLevel(settings)) {}
+  ~HttpFreedbSource() override { CloseHttpSession(session_); }
+
+  QueryResult Query(const DiscToc& toc, std::vector<FreedbMatch>& matches,
+                    size_t capacity) override {
+    std::string body;
+    if (const HResult r = Get(BuildQueryRequest(toc, email_, proto_), body); r != kOk) {
+      return {kQueryBad, r};
+    }
+    return {ParseQueryResponse(body, matches, capacity), kOk};
+  }
+
+  HResult Read(const FreedbMatch& match, XmcdKeywordMap& map) override {
+    std::string body;
+    if (const HResult r =
+            Get(BuildReadRequest(match.disc_id, match.category, email_, proto_), body);
+        r != kOk) {
+      return r;
+    }
+    if (body.compare(0, 4, "210 ") != 0) return kFreedbServiceError;
+    // The rest of the status line begins with a blank: the parser skips it.
+    return ParseXmcdEntry(std::string_view(body).substr(3), map) ? kOk : kFreedbServiceError;
+  }
+
+ private:
+  HResult Get(const std::string& query, std::string& body) {
+    if (!address_) return kNotHttpAddress;
+    HttpRequest request;
+    ApplyInternetSettings(internet_, request);
+    request.server = address_->host;
+    request.port = address_->port;
+    request.object = address_->path + query;
+    request.verb = "GET";
+    const HResult r = ExecuteHttpRequest(request, session_);
+    if (transcript_ != nullptr) FormatHttpTranscript(*transcript_, request);
+    if (r != kOk) return r;
+    if (request.status_code != 200) return kHttpStatusNotOk;
+    body = detail::DecodeFreedbText(request.response_body, proto_);
+    return kOk;
+  }
+
+  std::string* transcript_;
+  InternetSettings internet_;
+  std::optional<HttpAddress> address_;
+  std::string email_;
+  int proto_;
+  HttpSession session_;
+};
+
+}  // namespace
+
+HResult LookupDiscsFreedb(DiscLookupRequest& request, const SettingsStore& settings,
+                          std::string* transcript) {
+  detail::PostProgress(request, 0, LoadHostString(strings::kLookupStarting));
+  HttpFreedbSource source(settings, transcript);
+  return detail::LookupEachDisc(request, source);
+}
+
+HResult LookupDiscsFreedb(DiscLookupRequest& request) {
+  const std::shared_ptr<SettingsStore> settings = GlobalSettings();
+  return LookupDiscsFreedb(request, *settings);
+}
+
+}  // namespace dischive

@@ -1,0 +1,215 @@
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "cddb/cddbp.h"
+#include "dischive/version.h"
+#include "support/fake_freedb.h"
+#include "support/lookup_harness.h"
+
+namespace dischive::test {
+namespace {
+
+using Action = FakeCddbpServer::Action;
+
+std::string Version() {
+  return fmt::format("{}.{}", GetLibraryVersion().major, GetLibraryVersion().minor);
+}
+
+std::string Crlf(const std::string& text) {
+  std::string out;
+  for (const char c : text) {
+    if (c == '\n') out += '\r';
+    out += c;
+  }
+  return out;
+}
+
+const std::string kEntry =
+    MakeXmcd(0x0a0b0c03, "The Band / First Album", 1999, "Rock", {"One", "Two", "Three"}, 2);
+
+class CddbpTest : public ::testing::Test {
+ protected:
+  CddbpTest() {
+    AddSampleDiscs(*db);
+    for (MemorySettingsStore* s : {&settings}) {
+      s->SetString("internet2", "cddb_server", "127.0.0.1");
+      s->SetInt("internet2", "cddb_port", server.port());
+      s->SetString("internet2", "email_address", "me@example.org");
+      s->SetString("internet2", "acquire_url", http.url());
+      s->SetInt("internet2", "preconfig_http_proxy", 0);
+      s->SetInt("internet2", "cddb_timeout", 1);
+    }
+  }
+
+  // Looks the discs up; `tocs` one disc each.
+  LookupHarness& Run(const std::vector<DiscToc>& tocs, std::string* transcript = nullptr) {
+    harnesses.push_back(std::make_unique<LookupHarness>());
+    LookupHarness& h = *harnesses.back();
+    for (const DiscToc& toc : tocs)
+      h.AddDisc(toc);
+    EXPECT_EQ(
+        h.Run([&](DiscLookupRequest& r) { return LookupDiscsCddbp(r, settings, transcript); }),
+        kOk);
+    return h;
+  }
+
+  std::shared_ptr<FakeFreedbDatabase> db = std::make_shared<FakeFreedbDatabase>();
+  FakeCddbpServer server{db};
+  FakeFreedbHttpServer http{db};
+  MemorySettingsStore settings;
+  std::vector<std::unique_ptr<LookupHarness>> harnesses;
+};
+
+TEST_F(CddbpTest, SameMetadataAsOverHttp) {
+  const std::vector<DiscToc> tocs = {MakeToc(0x1000a002, 2), MakeToc(0x2000b002, 2),
+                                     MakeToc(0x0a0b0c03, 3), MakeToc(0x0dead001, 1)};
+  auto prepare = [](LookupHarness& h) {
+    h.discs[1].metadata.SetText(field::kArtist, 0, "The Band");
+    h.discs[1].metadata.SetText(field::kTitle, 0, "Second");
+    h.request.match_by_name = true;
+    h.choose = [](MatchChoice& c) {
+      c.chosen = 1;
+      return intptr_t{1};
+    };
+  };
+  LookupHarness over_http, over_socket;
+  for (LookupHarness* h : {&over_http, &over_socket}) {
+    for (const DiscToc& toc : tocs)
+      h->AddDisc(toc);
+    prepare(*h);
+  }
+  ASSERT_EQ(over_http.Run([&](DiscLookupRequest& r) { return LookupDiscsFreedb(r, settings); }),
+            kOk);
+  ASSERT_EQ(over_socket.Run([&](DiscLookupRequest& r) { return LookupDiscsCddbp(r, settings); }),
+            kOk);
+  for (size_t i = 0; i < tocs.size(); ++i) {
+    EXPECT_EQ(over_socket.discs[i].result, over_http.discs[i].result) << i;
+    EXPECT_EQ(over_socket.discs[i].metadata, over_http.discs[i].metadata) << i;
+  }
+  EXPECT_EQ(over_socket.discs[0].metadata.Text(field::kArtist, 0), "Other");  // chosen 2nd
+  EXPECT_EQ(over_socket.discs[1].metadata.Text(field::kTrackTitle, 2), "S2");
+  EXPECT_EQ(over_socket.discs[3].result, kNoFreedbMatch);
+  EXPECT_EQ(over_socket.choices_seen, over_http.choices_seen);
+  EXPECT_EQ(server.connections(), 1);
+  // Progress: connecting, connected, one per disc (index | count << 16), closing.
+  std::vector<uintptr_t> params;
+  for (const auto& p : over_socket.progress)
+    params.push_back(p.first);
+  EXPECT_EQ(params, (std::vector<uintptr_t>{0, 0, 0x40000, 0x40001, 0x40002, 0x40003, 0}));
+  EXPECT_EQ(over_socket.progress[0].second, "Connecting to 127.0.0.1...");
+}
+
+TEST_F(CddbpTest, TranscriptMatchesTheExchange) {
+  std::string transcript;
+  const LookupHarness& h = Run({MakeToc(0x0a0b0c03, 3)}, &transcript);
+  ASSERT_EQ(h.discs[0].result, kOk);
+  const std::string v = Version();
+  EXPECT_EQ(server.received(), "cddb hello me example.org DiscHive " + v +
+                                   "\nproto 5\ncddb query 0a0b0c03 3 150 15150 30150 602\n"
+                                   "cddb read rock 0a0b0c03\nquit\n");
+  EXPECT_EQ(transcript,
+            fmt::format("Connecting to 127.0.0.1:{}\r\n", server.port()) +
+                "<| 201 fake CDDBP server v1.5.2PL0 ready at Sat Nov 21 12:00:00 2026\r\n"
+                ">| cddb hello me example.org DiscHive " +
+                v +
+                "\r\n"
+                "<| 200 Hello and welcome me@example.org running DiscHive " +
+                v +
+                ".\r\n"
+                ">| proto 5\r\n"
+                "<| 201 OK, CDDB protocol level now: 5\r\n"
+                ">| cddb query 0a0b0c03 3 150 15150 30150 602\r\n"
+                "<| 200 rock 0a0b0c03 The Band / First Album\r\n"
+                ">| cddb read rock 0a0b0c03\r\n"
+                "<| 210 rock 0a0b0c03 CD database entry follows (until terminating `.')\r\n" +
+                Crlf(kEntry) + ".\r\n>| quit\r\n");
+}
+
+TEST_F(CddbpTest, RefusalsAndMalformedAnswers) {
+  struct Case {
+    const char* name;
+    std::string banner;  // empty: the default
+    std::function<std::optional<Action>(const std::string&)> override_fn;
+    HResult expected;
+  };
+  auto on = [](const char* prefix, std::string reply, bool close = false) {
+    return [prefix, reply, close](const std::string& line) -> std::optional<Action> {
+      if (line.rfind(prefix, 0) != 0) return std::nullopt;
+      return Action{reply, close, false};
+    };
+  };
+  const std::string no_newline(40000, 'x');
+  const Case cases[] = {
+      {"banner 432", "432 No connections allowed: permission denied\r\n", nullptr,
+       kCddbpConnectRefused},
+      {"hello 431", "", on("cddb hello", "431 Handshake not successful, closing connection.\r\n"),
+       kCddbpHelloRefused},
+      {"query 403", "", on("cddb query", "403 Database entry is corrupt.\r\n"), kCddbpQueryRefused},
+      {"read 401", "", on("cddb read", "401 rock 0a0b0c03 No such CD entry in database.\r\n"),
+       kCddbpReadRefused},
+      {"code 612", "", on("cddb hello", "612 strange\r\n"), kFreedbServiceError},
+      {"second digit 4", "", on("cddb hello", "241 strange\r\n"), kFreedbServiceError},
+      {"letters", "", on("cddb hello", "2x0 strange\r\n"), kFreedbServiceError},
+      {"other 2xx", "", on("cddb query", "230 what\r\n"), kFreedbServiceError},
+      {"body without line end", "", on("cddb read", "210" + no_newline), kFreedbServiceError},
+      {"bad entry", "", on("cddb read", "210 rock 0a0b0c03 entry\r\nJUNK\r\n.\r\n"),
+       kFreedbServiceError},
+      {"200 without blank", "", on("cddb query", "200rock 0a0b0c03 A / B\r\n"),
+       kFreedbServiceError},
+      {"closed mid-list", "",
+       on("cddb query", "211 Found inexact matches\r\nrock 0a0b0c03 A / B\r\n", true), 10054},
+      {"closed mid-line", "", on("cddb hello", "200 Hello", true), 10054},
+      {"never answers", "",
+       [](const std::string& line) -> std::optional<Action> {
+         if (line.rfind("cddb read", 0) != 0) return std::nullopt;
+         return Action{"", false, true};
+       },
+       10060},
+  };
+  for (const Case& c : cases) {
+    server.SetBanner(c.banner.empty()
+                         ? "201 fake CDDBP server v1.5.2PL0 ready at Sat Nov 21 12:00:00 2026\r\n"
+                         : c.banner);
+    server.SetOverride(c.override_fn);
+    const LookupHarness& h = Run({MakeToc(0x0a0b0c03, 3), MakeToc(0x0a0b0c03, 3)});
+    EXPECT_EQ(h.discs[0].result, c.expected) << c.name;
+  }
+}
+
+TEST_F(CddbpTest, CutEntryFailsAndTheNextDiscReconnects) {
+  std::string huge = "# Revision: 1\n";
+  for (int i = 0; huge.size() < 40000; ++i)
+    huge += fmt::format("EXTD=line {} of padding\n", i);
+  db->Add({"data", 0x3000c001, 0, true, "Big / Entry", huge});
+  const int before = server.connections();
+  const LookupHarness& h = Run({MakeToc(0x3000c001, 1), MakeToc(0x0a0b0c03, 3)});
+  EXPECT_EQ(h.discs[0].result, kFreedbServiceError);
+  EXPECT_EQ(h.discs[1].result, kOk);
+  EXPECT_EQ(h.discs[1].metadata.Text(field::kTrackTitle, 3), "Three");
+  EXPECT_EQ(server.connections() - before, 2);
+}
+
+TEST_F(CddbpTest, ConnectionRefusedGivesTheWinsockNumberAndText) {
+  settings.SetInt("internet2", "cddb_port", 1);
+  const LookupHarness& h = Run({MakeToc(0x0a0b0c03, 3), MakeToc(0x0a0b0c03, 3)});
+  EXPECT_EQ(h.discs[0].result, 10061u);
+  EXPECT_EQ(h.discs[1].result, 10061u);
+  EXPECT_EQ(FormatErrorMessage(10061), "The connection was refused by the server.");
+}
+
+TEST_F(CddbpTest, SkippingALineStopsWhenTheServerCloses) {
+  // A refusing banner whose line never ends before the server hangs up: the
+  // skip loop must end with an error instead of receiving nothing forever.
+  server.SetBanner("432 banner without end");
+  detail::CddbpConnection connection;
+  connection.channel().SetReceiveTimeout(std::chrono::seconds(5));
+  try {
+    connection.Connect("127.0.0.1", static_cast<uint16_t>(server.port()));
+    ADD_FAILURE() << "connected";
+  } catch (const detail::ProtocolError& e) {
+    EXPECT_EQ(e.code, detail::kConnectionClosed);
+  }
+}
+
+}  // namespace
+}  // namespace dischive::test

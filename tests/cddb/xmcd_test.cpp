@@ -1,0 +1,251 @@
+#include <gtest/gtest.h>
+
+#include <climits>
+
+#include "dischive/cddb.h"
+#include "dischive/strings.h"
+
+namespace dischive {
+namespace {
+
+std::string Str(const DiscMetadata& m, field::FieldId id, uint32_t index) {
+  return m.Text(id, index).value_or("<none>");
+}
+
+TEST(XmcdReaderTest, SplitsKeywordsAndHandlesLineEndsCommentsAndContinuations) {
+  XmcdKeywordMap map;
+  // Mixed line ends lose no line; a repeated keyword continues its value;
+  // "KEY=" alone is ignored; blank-led lines are skipped.
+  ASSERT_TRUE(
+      ParseXmcdEntry(" rock 12345678 entry follows\r\n# Revision: 3\n#x\r\n"
+                     "DTITLE=Long Art / Part \r\nDTITLE=Two\n DTITLE=ignored\n"
+                     "DYEAR=\r\nTTITLE0=A\n.\r\n",
+                     map));
+  EXPECT_EQ(map.at("Revision"), "4");
+  EXPECT_EQ(map.at("DTITLE"), "Long Art / Part Two");
+  EXPECT_EQ(map.count("DYEAR"), 0u);
+  EXPECT_EQ(map.at("TTITLE0"), "A");
+
+  // Revision at the integer limit does not overflow; "# Revision:" without the blank is ignored.
+  ASSERT_TRUE(ParseXmcdEntry(" x\n# Revision: 2147483647\n.\n", map));
+  EXPECT_EQ(map.at("Revision"), std::to_string(INT_MAX));
+  ASSERT_TRUE(ParseXmcdEntry(" x\n# Revision:7\n.\n", map));
+  EXPECT_EQ(map.count("Revision"), 0u);
+
+  struct Bad {
+    const char* body;
+  } const bad[] = {
+      {" x\nDTITLE=a\n"},           // no "." line
+      {" x\nDTITLE=a\n.\0"},        // "." without a line end is still the end of text
+      {" x\nNOEQUALS\n.\n"},        // a line without "="
+      {" x\nDTITLE=a\nTTITLE0=b"},  // last line without end
+      {""},
+  };
+  for (const Bad& b : bad) {
+    map["stale"] = "1";
+    EXPECT_FALSE(ParseXmcdEntry(b.body, map)) << b.body;
+    EXPECT_TRUE(map.empty()) << b.body;
+  }
+}
+
+TEST(XmcdReaderTest, UnescapesAndSplits) {
+  EXPECT_EQ(UnescapeXmcdValue("a\\nb\\tc\\rd\\\\e\\xf\\"), "a\r\nb\tcd\\exf");
+  struct Case {
+    const char* text;
+    const char* artist;
+    const char* title;
+  } const cases[] = {
+      {"Art / Title", "Art", "Title"}, {"  Art  /  Title  ", "Art", "Title"}, {"Art / ", "", "Art"},
+      {"AC/DC", "", "AC/DC"},          {"A / B / C", "A", "B / C"},           {"", "", ""},
+  };
+  for (const Case& c : cases) {
+    std::string artist = "x", title = "y";
+    SplitArtistTitle(c.text, artist, title);
+    EXPECT_EQ(artist, c.artist) << c.text;
+    EXPECT_EQ(title, c.title) << c.text;
+  }
+}
+
+TEST(XmcdReaderTest, DiscNumberSuffix) {
+  struct Case {
+    const char* in;
+    bool found;
+    int number;
+    const char* out;
+  } const cases[] = {
+      {"Greatest Hits 2", true, 2, "Greatest Hits"},
+      {"Live - 256", true, 256, "Live -"},
+      {"Live-12", true, 12, "Live"},
+      {"Live 300", false, 0, "Live 300"},
+      {"Live 0", false, 0, "Live 0"},
+      {"Year 0000000000000000000007", false, 0, "Year 0000000000000000000007"},
+      {"Disc two", true, 2, "Disc"},
+      {"Disc (TWELVE", true, 12, "Disc ("},
+      {"Bone", false, 0, "Bone"},
+      {"one", false, 0, "one"},
+      {"Disc eleven", true, 11, "Disc"},
+      {"Plain", false, 0, "Plain"},
+  };
+  for (const Case& c : cases) {
+    std::string title = c.in;
+    int number = -1;
+    EXPECT_EQ(ParseDiscNumberSuffix(title, number), c.found) << c.in;
+    EXPECT_EQ(title, c.out) << c.in;
+    if (c.found) {
+      EXPECT_EQ(number, c.number) << c.in;
+    }
+  }
+}
+
+TEST(XmcdReaderTest, AppliesFieldsToMetadata) {
+  XmcdKeywordMap map{{"DTITLE", "VARIOUS / Hits Disc 2"},
+                     {"TTITLE0", "Singer / Song\\tOne"},
+                     {"EXTT0", "note 0"},
+                     {"TTITLE2", "Third"},
+                     {"EXTT1", "orphan comment"},
+                     {"EXTD", "  "},
+                     {"Revision", "4"},
+                     {"DYEAR", "2027"},
+                     {"DGENRE", "Pop"}};
+  DiscMetadata m;
+  ApplyXmcdToMetadata(m, map, "rock", 3);
+  EXPECT_EQ(m.Int(field::kVariousArtists, 0), 1);
+  EXPECT_EQ(Str(m, field::kArtist, 0), LoadHostString(strings::kVariousArtists));
+  EXPECT_EQ(Str(m, field::kTitle, 0), "Hits Disc");
+  EXPECT_EQ(Str(m, field::kCategory, 0), "rock");
+  EXPECT_EQ(Str(m, field::kTrackTitle, 1), "Song\tOne");
+  EXPECT_EQ(Str(m, field::kArtist, 1), "Singer");
+  EXPECT_EQ(Str(m, field::kFreedbComment, 1), "note 0");
+  // No TTITLE1: its EXTT is dropped with it.
+  EXPECT_EQ(m.Find(field::kTrackTitle, 2), nullptr);
+  EXPECT_EQ(m.Find(field::kFreedbComment, 2), nullptr);
+  EXPECT_EQ(Str(m, field::kTrackTitle, 3), "Third");
+  EXPECT_EQ(m.Find(field::kFreedbComment, 0), nullptr);  // blank EXTD
+  EXPECT_EQ(m.Int(field::kRevision, 0), 4);
+  EXPECT_EQ(m.Int(field::kReleaseDate, 0), 127 << 24);
+  EXPECT_EQ(Str(m, field::kGenre, 0), "Pop");
+  EXPECT_EQ(Str(m, field::kGenre2, 0), "");
+
+  // The year window and the artist-equals-title rule.
+  struct Year {
+    const char* dyear;
+    std::optional<int32_t> packed;
+  } const years[] = {{"1900", std::nullopt},
+                     {"1901", 1 << 24},
+                     {"2028", std::nullopt},
+                     {"abc", std::nullopt},
+                     {"1999", 99 << 24}};
+  for (const Year& y : years) {
+    DiscMetadata d;
+    ApplyXmcdToMetadata(d, {{"DTITLE", "Name"}, {"DYEAR", y.dyear}}, "", 0);
+    EXPECT_EQ(d.Int(field::kReleaseDate, 0), y.packed) << y.dyear;
+    EXPECT_EQ(Str(d, field::kArtist, 0), "Name");
+    EXPECT_EQ(Str(d, field::kTitle, 0), "Name");
+    EXPECT_EQ(d.Int(field::kVariousArtists, 0), 0);
+  }
+  // "Artist / " ends with the separator: the text is title and then artist.
+  DiscMetadata d;
+  ApplyXmcdToMetadata(d, {{"DTITLE", "Various Artists / "}}, "", 0);
+  EXPECT_EQ(Str(d, field::kTitle, 0), "Various Artists");
+  EXPECT_EQ(d.Int(field::kVariousArtists, 0), 1);
+}
+
+TEST(DiscMetadataTest, GrowsInStepsFirstMatchWinsAndCopiesExtras) {
+  DiscMetadata m;
+  for (int i = 0; i < 33; ++i)
+    m.SetInt(field::kRevision, 0, i);
+  EXPECT_EQ(m.capacity(), 64u);
+  EXPECT_EQ(m.Int(field::kRevision, 0), 0);
+  m.extra_texts[1] = "extra";
+  m.extra_words[2] = 7;
+  const DiscMetadata copy = m;
+  EXPECT_EQ(copy, m);
+  EXPECT_EQ(copy.extra_texts[1], "extra");
+}
+
+TEST(XmcdWriterTest, WritesEntryWithEscapesPiecesAndYearWindow) {
+  EXPECT_EQ(EscapeXmcdValue("a\tb\nc\\d\re"), "a\\tb\\nc\\\\de");
+  DiscSubmission s;
+  s.category = "rock";
+  s.disc_id = 0x0a0b0c03;
+  s.track_count = 3;
+  s.artist = "Band";
+  s.title = "Album";
+  s.track_title = {std::string(200, 'x'), "Second", "Third"};
+  s.track_artist = {"", "BAND", "Guest"};
+  s.track_extended = {"", "tab\there", ""};
+  s.frame_offsets = {150, 20000, 40000};
+  s.revision = 2;
+  s.year = 2099;
+  s.has_year_and_genre = true;
+  s.genre = "Rock";
+  s.disc_length_seconds = 900;
+  std::string entry, subject;
+  WriteXmcdEntry(s, entry, subject);
+  EXPECT_EQ(subject, "cddb rock 0a0b0c03");
+  EXPECT_NE(entry.find("#\t150\r\n#\t20000\r\n#\t40000\r\n#\r\n# Disc length: 900 seconds\r\n#\r\n"
+                       "# Revision: 2\r\n# Submitted via: DiscHive "),
+            std::string::npos);
+  EXPECT_NE(entry.find("DISCID=0a0b0c03\r\nDTITLE=Band / Album\r\nDYEAR=2099\r\nDGENRE=Rock\r\n"),
+            std::string::npos);
+  // 200 characters at 78 - 7 = 71 a line: three lines.
+  EXPECT_NE(entry.find("TTITLE0=" + std::string(71, 'x') + "\r\nTTITLE0=" + std::string(71, 'x') +
+                       "\r\nTTITLE0=" + std::string(58, 'x') +
+                       "\r\nTTITLE1=Second\r\n"
+                       "TTITLE2=Guest / Third\r\nEXTD=\r\nEXTT0=\r\nEXTT1=tab\\there\r\nEXTT2=\r\n"
+                       "PLAYORDER=\r\n"),
+            std::string::npos);
+  for (size_t pos = 0, end; (end = entry.find("\r\n", pos)) != std::string::npos; pos = end + 2) {
+    EXPECT_LE(end - pos, 79u);
+  }
+  s.year = 2100;
+  WriteXmcdEntry(s, entry, subject);
+  EXPECT_NE(entry.find("\r\nDYEAR=\r\n"), std::string::npos);
+  s.has_year_and_genre = false;
+  WriteXmcdEntry(s, entry, subject);
+  EXPECT_EQ(entry.find("DYEAR"), std::string::npos);
+}
+
+TEST(XmcdWriterTest, RoundTripKeepsTitlesAndTracks) {
+  DiscSubmission s;
+  s.category = "misc";
+  s.disc_id = 0x12345602;
+  s.track_count = 2;
+  s.artist = "Zoë Keating";
+  s.title = std::string(150, 'T') + " \\ with\tescapes";
+  s.track_title = {"Ünïcode " + std::string(120, 'u'), "Plain"};
+  s.track_artist = {"Other", ""};
+  s.track_extended = {"line1\nline2", ""};
+  s.revision = 5;
+  s.year = 1999;
+  s.has_year_and_genre = true;
+  s.genre = "Ambient";
+  std::string entry, subject;
+  WriteXmcdEntry(s, entry, subject);
+  XmcdKeywordMap map;
+  ASSERT_TRUE(ParseXmcdEntry(entry + ".\r\n", map));
+  DiscMetadata m;
+  ApplyXmcdToMetadata(m, map, "misc", 2);
+  EXPECT_EQ(Str(m, field::kArtist, 0), s.artist);
+  EXPECT_EQ(Str(m, field::kTitle, 0), s.title);
+  EXPECT_EQ(Str(m, field::kTrackTitle, 1), s.track_title[0]);
+  EXPECT_EQ(Str(m, field::kArtist, 1), "Other");
+  EXPECT_EQ(Str(m, field::kTrackTitle, 2), "Plain");
+  EXPECT_EQ(Str(m, field::kFreedbComment, 1), "line1\r\nline2");
+  EXPECT_EQ(m.Int(field::kRevision, 0), 6);
+  EXPECT_EQ(m.Int(field::kReleaseDate, 0), 99 << 24);
+}
+
+TEST(DiscIdTest, MatchesPublishedExamples) {
+  // cd-discid's documented sample disc.
+  const uint32_t offsets[] = {15037,  33615,  47637,  64202,  80665,  99150, 112272,
+                              129287, 150072, 167990, 187560, 199785, 218482};
+  EXPECT_EQ(ComputeFreedbDiscId(offsets, 13, 3053), 0xa20b250du);
+  // One track at the usual 2-second lead-in, 60 s long: digit sum 2, 58 s.
+  const uint32_t single[] = {150};
+  EXPECT_EQ(ComputeFreedbDiscId(single, 1, 60), 0x02003a01u);
+  EXPECT_EQ(ComputeFreedbDiscId(single, 0, 0), 0u);
+}
+
+}  // namespace
+}  // namespace dischive
