@@ -249,7 +249,7 @@ HResult LookupDiscsCddbp(DiscLookupRequest& request, const SettingsStore& settin
   }
   detail::PostProgress(request, 0, LoadHostString(strings::kLookupStarting));
   const HResult result = detail::LookupEachDisc(request, source);
-  if (result == kOk) detail::PostProgress(request, 0, LoadHostString(5159));
+  if (result == kOk) detail::PostProgress(request, 0, LoadHostString(strings::kLookupClosing));
   source.Finish();
   return result;
 }

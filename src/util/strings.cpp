@@ -40,6 +40,7 @@ constexpr BuiltinString kBuiltin[] = {
     {5087, "Connecting to the freedb server..."},
     {5091, "Looking up the disc in freedb..."},
     // Winsock errors.
+    {5092, "Closing the connection to the freedb server..."},
     {5108, "Permission denied."},
     {5109, "The address is already in use."},
     {5110, "The requested address is not valid in its context."},
@@ -90,7 +91,7 @@ constexpr BuiltinString kBuiltin[] = {
     {5177, "The collection service could not store the collection."},
     {5178, "The collection service is temporarily unavailable."},
     {5179, "The request could not be prepared."},
-    {5191, "Several entries match this disc. Choose one:"},
+    {5191, "Unknown Artist"},
     {5246, "The collection service reported an internal error."},
     {5383, "Various Artists"},
     {5429, "The category is not one of the freedb categories."},

@@ -101,7 +101,7 @@ std::vector<DiscToc> CollectDiscs(const Options& options, const Context& context
 
 // Asks on the terminal which match to take; 0 = cancel.
 intptr_t AskOnTerminal(MatchChoice& choice, size_t disc, size_t count) {
-  std::cerr << LoadHostString(strings::kFreedbChoice);
+  std::cerr << "Several entries match this disc. Choose one";
   if (count > 1) std::cerr << fmt::format(" (disc {} of {})", disc + 1, count);
   std::cerr << '\n';
   for (uint32_t i = 0; i < choice.count; ++i) {
