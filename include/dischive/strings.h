@@ -14,18 +14,18 @@ namespace dischive {
 
 /// Well-known text numbers used by more than one subsystem.
 namespace strings {
-inline constexpr uint32_t kUnknownError = 5034;      ///< "Unknown error"
-inline constexpr uint32_t kErrorWithCode = 5051;     ///< "Error %u (0x%08X)" (code, code)
-inline constexpr uint32_t kLookupStarting = 5087;    ///< progress before the lookups
-inline constexpr uint32_t kLookupDisc = 5091;        ///< progress before each disc
-inline constexpr uint32_t kConnecting = 5169;        ///< "Connecting to %s..." (server or proxy)
-inline constexpr uint32_t kLookupClosing = 5092;      ///< progress before closing a CDDB connection
+inline constexpr uint32_t kUnknownError = 5034;    ///< "Unknown error"
+inline constexpr uint32_t kErrorWithCode = 5051;   ///< "Error %u (0x%08X)" (code, code)
+inline constexpr uint32_t kLookupStarting = 5087;  ///< progress before the lookups
+inline constexpr uint32_t kLookupDisc = 5091;      ///< progress before each disc
+inline constexpr uint32_t kConnecting = 5169;      ///< "Connecting to %s..." (server or proxy)
+inline constexpr uint32_t kLookupClosing = 5092;   ///< progress before closing a CDDB connection
 inline constexpr uint32_t kFreedbUnknownArtist = 5191;  ///< artist of a match line without one
-inline constexpr uint32_t kVariousArtists = 5383;    ///< "Various Artists"
-inline constexpr uint32_t kUnknownArtist = 5622;     ///< "Unknown Artist"
-inline constexpr uint32_t kUnknownAlbum = 5661;      ///< "Unknown Album"
-inline constexpr uint32_t kBinaryBody = 5776;        ///< transcript line for a binary body
-inline constexpr uint32_t kServiceErrorCode = 6101;  ///< "Service error %d"
+inline constexpr uint32_t kVariousArtists = 5383;       ///< "Various Artists"
+inline constexpr uint32_t kUnknownArtist = 5622;        ///< "Unknown Artist"
+inline constexpr uint32_t kUnknownAlbum = 5661;         ///< "Unknown Album"
+inline constexpr uint32_t kBinaryBody = 5776;           ///< transcript line for a binary body
+inline constexpr uint32_t kServiceErrorCode = 6101;     ///< "Service error %d"
 }  // namespace strings
 
 /// The text under `id`: the language file's when loaded, else the built-in

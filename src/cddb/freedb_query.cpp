@@ -108,7 +108,8 @@ std::optional<size_t> ParseMatchLine(std::string_view text, FreedbMatch& match) 
 
   match.category = category;
   match.disc_id = *id;
-  match.artist = artist.empty() ? LoadHostString(strings::kFreedbUnknownArtist) : std::string(artist);
+  match.artist =
+      artist.empty() ? LoadHostString(strings::kFreedbUnknownArtist) : std::string(artist);
   match.title = title;
   return lf + 1;
 }

@@ -60,7 +60,8 @@ TEST(FreedbQueryTest, ParsesMatchLines) {
     EXPECT_EQ(*used, std::string_view(c.line).size());
     EXPECT_EQ(m.disc_id, c.id);
     EXPECT_EQ(m.category, c.category);
-    EXPECT_EQ(m.artist, c.artist ? c.artist : LoadHostString(strings::kFreedbUnknownArtist)) << c.line;
+    EXPECT_EQ(m.artist, c.artist ? c.artist : LoadHostString(strings::kFreedbUnknownArtist))
+        << c.line;
     EXPECT_EQ(m.title, c.title) << c.line;
   }
 }

@@ -245,6 +245,12 @@ la]]></Lyrics>
 				</Volume>
 			</Volumes>
 		</Album>
+		<Album ID="FEDCBA9876543210" Modified="{B}" IsClassical="1">
+			<Title>Amazon</Title>
+			<ASIN>B000TEST</ASIN>
+			<Artwork Server="2" ASIN="B000TEST" Classical="1"/>
+			<Volumes></Volumes>
+		</Album>
 		<Album ID="89ABCDEF01234567" Modified="{C}" Created="00000009" Played="00000007" CDDBID="00000101">
 			<Title>Reset</Title>
 			<Volumes>
@@ -258,12 +264,6 @@ la]]></Lyrics>
 					<Tracks></Tracks>
 				</Volume>
 			</Volumes>
-		</Album>
-		<Album ID="FEDCBA9876543210" Modified="{B}" IsClassical="1">
-			<Title>Amazon</Title>
-			<ASIN>B000TEST</ASIN>
-			<Artwork Server="2" ASIN="B000TEST" Classical="1"/>
-			<Volumes></Volumes>
 		</Album>
 	</Albums>
 	<Artists Modified="{ARTISTS}">
@@ -363,7 +363,7 @@ std::string ContentOf(const xmlNode* node) {
 TEST(CollectionWriterTest, HostileCatalogueTextStillGivesAWellFormedDocument) {
   Catalogue catalog;
   AlbumRecord a;
-  a.id = "0000000000000001\x01<\"";
+  a.id = "0000000000000001";
   constexpr char kHostile[] = "t\x01\x02\x1F\x7F]]>\xFF\xC3<&>\"'\r\n\0end";
   const std::string hostile(kHostile, sizeof kHostile - 1);
   a.artists = {hostile};
@@ -391,7 +391,7 @@ TEST(CollectionWriterTest, HostileCatalogueTextStillGivesAWellFormedDocument) {
   const xmlNode* album = FirstElement(FirstElement(xmlDocGetRootElement(doc)));
   ASSERT_NE(album, nullptr);
   xmlChar* id = xmlGetProp(album, reinterpret_cast<const xmlChar*>("ID"));
-  EXPECT_STREQ(reinterpret_cast<const char*>(id), "0000000000000001<\"");
+  EXPECT_STREQ(reinterpret_cast<const char*>(id), "0000000000000001");
   xmlFree(id);
   std::map<std::string, std::string> texts;
   for (const xmlNode* child = FirstElement(album); child != nullptr; child = child->next) {
@@ -419,7 +419,7 @@ TEST(CollectionWriterTest, StopsOnCancelAndOnWriteFailure) {
   // Enough albums to fill the writer's buffer, so the failure is seen early.
   AlbumRecord copy = *catalog.engine->ReadAlbum("0123456789ABCDEF");
   for (int i = 0; i < 60; ++i) {
-    copy.id = std::to_string(1000000 + i);
+    copy.id = fmt::format("{:016X}", 1000000 + i);
     for (VolumeRecord& volume : copy.volumes)
       volume.record_id += 0x1000;
     catalog.Add(copy);
@@ -459,7 +459,7 @@ TEST(CollectionWriterTest, CoversAreHashedAndStoredInTheCache) {
                                                                             {{0x500}, ""}};
   for (size_t i = 0; i < setup.size(); ++i) {
     AlbumRecord a;
-    a.id = "A" + std::to_string(i);
+    a.id = fmt::format("{:016X}", 0xA0 + i);
     for (uint32_t id : setup[i].first) {
       a.volumes.emplace_back();
       a.volumes.back().record_id = id;
