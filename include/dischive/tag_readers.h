@@ -42,6 +42,8 @@ class ByteSource {
 class MemorySource final : public ByteSource {
  public:
   explicit MemorySource(std::string_view bytes) : bytes_(bytes) {}
+  /// The bytes must outlive the source: a temporary string cannot.
+  explicit MemorySource(std::string&&) = delete;
   size_t Read(void* buffer, size_t count) override;
   bool Seek(int64_t offset, SeekFrom from) override;
   int64_t Tell() const override { return pos_; }
