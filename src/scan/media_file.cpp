@@ -2,6 +2,7 @@
 // extension, the way TagLib's FileRef tries detectByContent and
 // detectByExtension.
 #include <cstring>
+#include <type_traits>
 
 #include "dischive/tag_readers.h"
 #include "dischive/text.h"
@@ -124,8 +125,20 @@ HResult ReadMediaFile(const std::filesystem::path& path, MediaFileInfo& info, bo
   HResult error = kOk;
   std::unique_ptr<FileSource> file = FileSource::Open(path, error);
   if (!file) return error;
-  std::string extension = path.extension().string();
-  if (!extension.empty()) extension.erase(0, 1);
+  std::string extension;
+  if constexpr (std::is_same_v<std::filesystem::path::value_type, char>) {
+    // From the name itself: cheaper than path::extension(), which splits the
+    // whole path into components.
+    const std::string& name = path.native();
+    const size_t dot = name.rfind('.');
+    const size_t slash = name.rfind('/');
+    if (dot != std::string::npos && (slash == std::string::npos || dot > slash + 1)) {
+      extension.assign(name, dot + 1);
+    }
+  } else {
+    extension = path.extension().string();
+    if (!extension.empty()) extension.erase(0, 1);
+  }
   return ReadMediaSource(*file, extension, info, want_picture);
 }
 
