@@ -104,7 +104,7 @@ int64_t LastGranule(ByteSource& file, uint32_t serial) {
   const int64_t size = file.Size();
   if (size < static_cast<int64_t>(kPageHeaderSize)) return -1;
   // A page is at most 27 + 255 + 255 * 255 bytes; start with a small tail.
-  for (int64_t tail : {int64_t{8192}, int64_t{65536 + 512}}) {
+  for (int64_t tail : {int64_t{4096}, int64_t{65536 + 512}}) {
     const int64_t length = std::min(size, tail);
     std::string buffer(static_cast<size_t>(length), '\0');
     if (!file.Seek(size - length, SeekFrom::kStart) ||
