@@ -92,6 +92,9 @@ HResult File::ReadAt(uint64_t offset, void* data, size_t size, size_t* got) cons
     }
     if (n == 0) break;
     done += static_cast<size_t>(n);
+    // A regular file answers in full up to its end, so a short answer is the
+    // end: asking again only to read 0 would double the cost of small reads.
+    if (done < size) break;
   }
   *got = done;
   return kOk;

@@ -41,8 +41,9 @@ class File {
 
   /// The file's current size.
   HResult Size(uint64_t* size) const;
-  /// Reads up to `size` bytes at `offset` (retrying EINTR and short reads);
-  /// *got < size only at the end of the file.
+  /// Reads up to `size` bytes at `offset` (retrying EINTR); *got < size only
+  /// at the end of the file (files are regular files, whose reads are short
+  /// only there).
   HResult ReadAt(uint64_t offset, void* data, size_t size, size_t* got) const;
   /// Appends all bytes at the current position (retrying EINTR and short writes).
   HResult WriteAll(const void* data, size_t size);
