@@ -91,4 +91,13 @@ inline constexpr FieldId kRecVenue = 0x6172051F;
 inline constexpr FieldId kRecStudio = 0x89C62DD4;
 inline constexpr FieldId kSpars = 0xE9CF9E64;
 
+// Folder scan: change detection of a scanned folder (volume, index 0) and the
+// file a track was read from (index n).
+inline constexpr FieldId kScanStamp =
+    0x3B7D19C4;  ///< hash of the folder's file names, sizes, times
+inline constexpr FieldId kScanFlags = 0x3B7D19C5;    ///< scan flags the folder was scanned with
+inline constexpr FieldId kScanProfile = 0x3B7D19C6;  ///< scanner version and extension-list hash
+inline constexpr FieldId kScanFolder = 0x3B7D19C7;   ///< the folder's path
+inline constexpr FieldId kScanFile = 0x3B7D19C8;     ///< the track's file name
+
 }  // namespace dischive::field
