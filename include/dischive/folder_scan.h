@@ -276,10 +276,14 @@ struct LibraryScanSummary {
 using LibraryProgress = std::function<void(size_t done, size_t total, size_t files,
                                            const std::filesystem::path& folder)>;
 
+/// Called after each folder with what happened to it.
+using FolderDone = std::function<void(const std::filesystem::path&, const FolderScanResult&)>;
+
 /// Scans every root and its subfolders. A failed folder is counted and the
 /// scan goes on.
 LibraryScanSummary ScanLibrary(FolderScanner& scanner,
                                const std::vector<std::filesystem::path>& roots,
-                               const LibraryProgress& progress = {});
+                               const LibraryProgress& progress = {},
+                               const FolderDone& on_folder = {});
 
 }  // namespace dischive

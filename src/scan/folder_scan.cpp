@@ -567,7 +567,7 @@ std::vector<fs::path> CollectFolders(const fs::path& root) {
 }
 
 LibraryScanSummary ScanLibrary(FolderScanner& scanner, const std::vector<fs::path>& roots,
-                               const LibraryProgress& progress) {
+                               const LibraryProgress& progress, const FolderDone& on_folder) {
   LibraryScanSummary summary;
   std::vector<std::pair<fs::path, fs::path>> folders;  // folder, its root
   for (const fs::path& root : roots) {
@@ -586,6 +586,7 @@ LibraryScanSummary ScanLibrary(FolderScanner& scanner, const std::vector<fs::pat
       r.message = e.what();
     }
     summary.files += r.files;
+    if (on_folder) on_folder(folder, r);
     switch (r.outcome) {
       case FolderOutcome::kNoFiles:
         ++summary.empty;
