@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -173,6 +174,7 @@ class CatalogEngine {
                                                          uint32_t index) = 0;
   virtual HResult SetVolumeProperty(uint32_t record_id, field::FieldId id, uint32_t index,
                                     const PropertyValue& value) = 0;
+  virtual HResult RemoveVolumeProperty(uint32_t record_id, field::FieldId id, uint32_t index) = 0;
 
   // Covers: the image bytes stored under a volume's "cover" stream ------------
 
@@ -187,6 +189,8 @@ class CatalogEngine {
   virtual uint32_t ArtistsModified() = 0;
   /// Adds or replaces the entry with the same name.
   virtual HResult WriteArtist(const ArtistEntry& artist) = 0;
+  /// Removes the entry with this name (kCatalogNotFound-style code when absent).
+  virtual HResult RemoveArtist(std::string_view name) = 0;
 
   // Database properties by group and key ("db_opts", "medialib") ----------------
 
@@ -195,6 +199,9 @@ class CatalogEngine {
   virtual HResult SetDatabaseProperty(std::string_view group, std::string_view key,
                                       std::string_view value) = 0;
   virtual HResult RemoveDatabaseProperty(std::string_view group, std::string_view key) = 0;
+  /// Every property of a group, by key (ascending, without regard to case).
+  virtual std::vector<std::pair<std::string, std::string>> DatabaseProperties(
+      std::string_view group) = 0;
 
   /// The text of a user list ("\n"-separated entries): the stored one, else the
   /// built-in default for the key.
@@ -211,6 +218,10 @@ class CatalogEngine {
   /// copied. Returns 0 or a failure code.
   virtual HResult SuspendWriting() = 0;
   virtual void ResumeWriting() = 0;
+
+  /// A one-line explanation of the last failure returned by this engine (empty
+  /// when none), for messages to the user.
+  virtual std::string LastErrorText() const = 0;
 };
 
 }  // namespace dischive

@@ -91,13 +91,33 @@ inline constexpr FieldId kRecVenue = 0x6172051F;
 inline constexpr FieldId kRecStudio = 0x89C62DD4;
 inline constexpr FieldId kSpars = 0xE9CF9E64;
 
-// Folder scan: change detection of a scanned folder (volume, index 0) and the
-// file a track was read from (index n).
-inline constexpr FieldId kScanStamp =
-    0x3B7D19C4;  ///< hash of the folder's file names, sizes, times
-inline constexpr FieldId kScanFlags = 0x3B7D19C5;    ///< scan flags the folder was scanned with
-inline constexpr FieldId kScanProfile = 0x3B7D19C6;  ///< scanner version and extension-list hash
-inline constexpr FieldId kScanFolder = 0x3B7D19C7;   ///< the folder's path
-inline constexpr FieldId kScanFile = 0x3B7D19C8;     ///< the track's file name
+// Catalogue engine: fields the library reads and writes beyond those above.
+// Rating time of the album rating (seconds since 1970), sent with a rating notice.
+inline constexpr FieldId kRatingTime = 0xC2E5EE24;
+// Folder scan state of a volume (index 0): the folder's scan stamp, the scan
+// flags the folder was scanned with, and the third scan value.
+inline constexpr FieldId kScanStamp = 0x5C4A57A3;
+inline constexpr FieldId kScanFlags = 0x5C4AF1A9;
+inline constexpr FieldId kScanValue3 = 0x5C4A0703;
+// Music files of a track: its path and size in bytes (text, as sizes may exceed 31 bits).
+inline constexpr FieldId kFilePath = 0x0F11E9A7;
+inline constexpr FieldId kFileSize = 0x0F11E512;
+// Track or volume: beats per minute, composer text, per-track rating.
+inline constexpr FieldId kBpm = 0x0000B9A1;
+inline constexpr FieldId kComposer = 0x3C0A9051;
+inline constexpr FieldId kTrackRating = 0xC663B5A6;
+// Album: format text, booklet page count, Amazon server and classical-store flag.
+inline constexpr FieldId kFormat = 0x1D4F0A71;
+inline constexpr FieldId kBookletPages = 0xB0C1E7A5;
+inline constexpr FieldId kAmazonServer = 0xA3A20051;
+inline constexpr FieldId kAmazonClassical = 0xA3A2C1A5;
+// User fields of albums and tracks: Text1-Text10, Date1-Date5 (packed dates), Memo1-Memo5.
+inline constexpr FieldId kText[10] = {0x7E470001, 0x7E470002, 0x7E470003, 0x7E470004, 0x7E470005,
+                                      0x7E470006, 0x7E470007, 0x7E470008, 0x7E470009, 0x7E47000A};
+inline constexpr FieldId kDate[5] = {0xDA7E0001, 0xDA7E0002, 0xDA7E0003, 0xDA7E0004, 0xDA7E0005};
+inline constexpr FieldId kMemo[5] = {0x3E3A0001, 0x3E3A0002, 0x3E3A0003, 0x3E3A0004, 0x3E3A0005};
+
+// Folder scan: the folder a scanned volume was read from (index 0).
+inline constexpr FieldId kScanFolder = 0x3B7D19C7;
 
 }  // namespace dischive::field

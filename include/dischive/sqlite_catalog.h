@@ -9,6 +9,18 @@
 
 namespace dischive {
 
+/// Result codes of opening and writing a catalogue file (Windows numbers, so
+/// that FormatErrorMessage explains them).
+inline constexpr HResult kCatalogMissing = 2;      ///< ERROR_FILE_NOT_FOUND: no such file
+inline constexpr HResult kCatalogReadOnly = 5;     ///< ERROR_ACCESS_DENIED: opened read-only
+inline constexpr HResult kCatalogLocked = 33;      ///< ERROR_LOCK_VIOLATION: another writer
+inline constexpr HResult kCatalogDiskFull = 112;   ///< ERROR_DISK_FULL
+inline constexpr HResult kCatalogInvalid = 1392;   ///< ERROR_FILE_CORRUPT: not a catalogue
+inline constexpr HResult kCatalogNotFound = 1168;  ///< ERROR_NOT_FOUND: no such record
+
+/// The lock file that marks a writer of the catalogue `path`: path + ".lock".
+std::filesystem::path CatalogLockPath(const std::filesystem::path& path);
+
 enum class CatalogOpenMode {
   kReadOnly,   ///< no writes; never blocked by a writer
   kReadWrite,  ///< takes the database's write lock; fails when another process holds it

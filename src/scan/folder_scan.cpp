@@ -136,6 +136,8 @@ void SetText(PropertySet& props, field::FieldId id, const std::string& text) {
 struct Track {
   MediaFileTags tags;
   std::string file_name;
+  std::string path;
+  uint64_t size = 0;
   int32_t number = -1;  // from the tags or from "Track N"
 };
 
@@ -280,7 +282,7 @@ FolderScanResult FolderScanner::ScanFiles(const fs::path& folder, const FolderLi
       };
       const auto stamp = int_property(field::kScanStamp);
       const auto stored_flags = int_property(field::kScanFlags);
-      const auto profile = int_property(field::kScanProfile);
+      const auto profile = int_property(field::kScanValue3);
       if (stamp == listing.stamp && stored_flags &&
           (*stored_flags & kScanFlagsCompareMask) == (flags & kScanFlagsCompareMask) &&
           profile == profile_) {
@@ -299,6 +301,8 @@ FolderScanResult FolderScanner::ScanFiles(const fs::path& folder, const FolderLi
     for (const FolderFile& file : listing.files) {
       Track track;
       track.file_name = file.name;
+      track.path = file.path.string();
+      track.size = file.size;
       MediaFileInfo info;
       if (ReadMediaFile(file.path, info, embedded_cover.empty()) == kOk) {
         track.tags = std::move(info.tags);
@@ -423,7 +427,7 @@ FolderScanResult FolderScanner::ScanFiles(const fs::path& folder, const FolderLi
     volume.record_id = id;
     volume.properties.Set(field::kScanStamp, static_cast<int32_t>(listing.stamp));
     volume.properties.Set(field::kScanFlags, static_cast<int32_t>(flags));
-    volume.properties.Set(field::kScanProfile, static_cast<int32_t>(profile_));
+    volume.properties.Set(field::kScanValue3, static_cast<int32_t>(profile_));
     volume.properties.Set(field::kScanFolder, key);
     uint64_t frames = 0;
     for (const Track& t : album.tracks) {
@@ -440,7 +444,10 @@ FolderScanResult FolderScanner::ScanFiles(const fs::path& folder, const FolderLi
       SetText(tp, field::kLyrics, t.tags.lyrics);
       SetText(tp, field::kGenre, t.tags.genre != album.genre ? t.tags.genre : std::string());
       if (t.tags.bitrateKbps > 0) tp.Set(field::kBitrate, t.tags.bitrateKbps);
-      tp.Set(field::kScanFile, t.file_name);
+      tp.Set(field::kFilePath, t.path);
+      tp.Set(field::kFileSize, std::to_string(t.size));
+      SetText(tp, field::kComposer, t.tags.composer);
+      if (t.tags.bpm > 0) tp.Set(field::kBpm, t.tags.bpm);
       volume.tracks.push_back(std::move(tr));
     }
     volume.frames = static_cast<uint32_t>(std::min<uint64_t>(frames, 0xFFFFFFFEu));

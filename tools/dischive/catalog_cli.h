@@ -1,6 +1,7 @@
 // Opening the catalogue for a command: --db PATH, else the default database.
 #pragma once
 
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -8,6 +9,11 @@
 #include "dischive/catalog.h"
 
 namespace dischive::cli {
+
+/// The catalogue a command uses without --db: the configured default database
+/// ("Database"/"DefaultDatabase", then the system-wide setting), else
+/// "Catalogue.dab" under $XDG_DATA_HOME/dischive/.
+std::filesystem::path DefaultCliDatabase(const Context& context);
 
 /// Adds the "--db PATH" option to a command.
 void AddDatabaseOption(CLI::App* command, std::string& db_path);
