@@ -337,6 +337,20 @@ FolderScanResult FolderScanner::ScanFiles(const fs::path& folder, const FolderLi
         album.tracks[i].tags.title.clear();
       }
     }
+    // Track numbers: those of the tags (or names) when every track has its own
+    // (the tracks are then put in that order), else the position in the folder.
+    std::set<int32_t> numbers;
+    for (const Track& t : album.tracks) {
+      if (t.number >= 1 && t.number <= 999) numbers.insert(t.number);
+    }
+    if (numbers.size() == album.tracks.size()) {
+      std::stable_sort(album.tracks.begin(), album.tracks.end(),
+                       [](const Track& a, const Track& b) { return a.number < b.number; });
+    } else {
+      for (size_t i = 0; i < album.tracks.size(); ++i)
+        album.tracks[i].number = static_cast<int32_t>(i + 1);
+    }
+
     for (size_t i = 0; i < album.tracks.size(); ++i) {
       if (album.tracks[i].tags.title.empty())
         album.tracks[i].tags.title = fmt::sprintf("Track %02d", static_cast<int>(i + 1));
@@ -395,20 +409,6 @@ FolderScanResult FolderScanner::ScanFiles(const fs::path& folder, const FolderLi
     album.location = RemovableMediaLocation(folder);
     album.cover = FolderCoverPicture(folder);
     if (album.cover.empty()) album.cover = std::move(embedded_cover);
-
-    // Track numbers: those of the tags (or names) when every track has its own,
-    // else the position in the folder.
-    std::set<int32_t> numbers;
-    for (const Track& t : album.tracks) {
-      if (t.number >= 1 && t.number <= 999) numbers.insert(t.number);
-    }
-    if (numbers.size() == album.tracks.size()) {
-      std::stable_sort(album.tracks.begin(), album.tracks.end(),
-                       [](const Track& a, const Track& b) { return a.number < b.number; });
-    } else {
-      for (size_t i = 0; i < album.tracks.size(); ++i)
-        album.tracks[i].number = static_cast<int32_t>(i + 1);
-    }
 
     // The records.
     AlbumRecord scanned;
