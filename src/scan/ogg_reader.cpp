@@ -1,0 +1,197 @@
+// Ogg Vorbis. An Ogg page:
+//   "OggS", version (1), header type (1), granule position (8, LE),
+//   serial (4), page sequence (4), CRC (4), segment count (1), lacing values
+// A packet is the concatenation of lacing segments up to one shorter than
+// 255; it may continue on the next page. The first packet of a Vorbis stream
+// is the identification header ("\x01vorbis": version, channels, sample rate,
+// maximum, nominal and minimum bit rate), the second the comment header
+// ("\x03vorbis" and a Vorbis comment).
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "dischive/tag_readers.h"
+#include "scan/tag_util.h"
+
+namespace dischive {
+namespace {
+
+constexpr size_t kSearchSize = 4096;
+constexpr uint32_t kMaxLength = 32u << 20;  // vendor and each comment: below 32 MiB
+constexpr std::string_view kCommentMarker{"\x03vorbis", 7};
+constexpr std::string_view kIdentMarker{"\x01vorbis", 7};
+constexpr size_t kPageHeaderSize = 27;
+// The comment packet ends long before this many pages in any real file.
+constexpr int kMaxPages = 4096;
+
+struct StreamInfo {
+  uint32_t sample_rate = 0;
+  int32_t nominal_bitrate = 0;
+  uint32_t serial = 0;
+};
+
+// Collects the first two packets of the first logical stream by walking the
+// pages from the start. False when the page structure is broken.
+bool ReadHeaderPackets(ByteSource& file, std::string& ident, std::string& comment,
+                       uint32_t& serial) {
+  if (!file.Seek(0, SeekFrom::kStart)) return false;
+  std::string* packets[2] = {&ident, &comment};
+  size_t packet = 0;
+  for (int page = 0; page < kMaxPages && packet < 2; ++page) {
+    uint8_t header[kPageHeaderSize];
+    if (file.Read(header, sizeof header) != sizeof header || std::memcmp(header, "OggS", 4) != 0) {
+      return false;
+    }
+    const uint32_t page_serial = detail::Le32(header + 14);
+    if (page == 0) serial = page_serial;
+    uint8_t lacing[255];
+    const size_t segments = header[26];
+    if (file.Read(lacing, segments) != segments) return false;
+    size_t body = 0;
+    for (size_t i = 0; i < segments; ++i)
+      body += lacing[i];
+    if (page_serial != serial) {  // another stream's page: skip it
+      if (!file.Seek(static_cast<int64_t>(body), SeekFrom::kCurrent)) return false;
+      continue;
+    }
+    std::string data(body, '\0');
+    if (file.Read(data.data(), body) != body) return false;
+    size_t pos = 0;
+    for (size_t i = 0; i < segments && packet < 2; ++i) {
+      std::string& out = *packets[packet];
+      if (out.size() + lacing[i] > kMaxLength * 2u) return false;
+      out.append(data, pos, lacing[i]);
+      pos += lacing[i];
+      if (lacing[i] < 255) ++packet;  // the packet ends in this segment
+    }
+  }
+  return packet >= 2;
+}
+
+// The granule position of the stream's last page, searched backwards in the
+// file's tail; -1 when none is found.
+int64_t LastGranule(ByteSource& file, uint32_t serial) {
+  const int64_t size = file.Size();
+  if (size < static_cast<int64_t>(kPageHeaderSize)) return -1;
+  // A page is at most 27 + 255 + 255 * 255 bytes; start with a small tail.
+  for (int64_t tail : {int64_t{8192}, int64_t{65536 + 512}}) {
+    const int64_t length = std::min(size, tail);
+    std::string buffer(static_cast<size_t>(length), '\0');
+    if (!file.Seek(size - length, SeekFrom::kStart) ||
+        file.Read(buffer.data(), buffer.size()) != buffer.size()) {
+      return -1;
+    }
+    for (size_t pos = buffer.rfind("OggS"); pos != std::string::npos;
+         pos = pos == 0 ? std::string::npos : buffer.rfind("OggS", pos - 1)) {
+      if (buffer.size() - pos < kPageHeaderSize) continue;
+      const auto* p = reinterpret_cast<const uint8_t*>(buffer.data() + pos);
+      if (detail::Le32(p + 14) != serial) continue;
+      const uint64_t granule = detail::Le64(p + 6);
+      if (granule > static_cast<uint64_t>(INT64_MAX)) continue;  // -1: no packet ends here
+      return static_cast<int64_t>(granule);
+    }
+    if (length == size) break;
+  }
+  return -1;
+}
+
+// Reads the comment header body (after its marker) from `in`. Any length
+// that is zero or not below 32 MiB, or any short read, discards the header.
+bool ReadCommentBody(ByteSource& in, MediaFileTags& tags) {
+  const int64_t size = in.Size();
+  auto fits = [&](uint32_t length) { return size < 0 || length <= size - in.Tell(); };
+  uint8_t number[4];
+  if (in.Read(number, 4) != 4) return false;
+  const uint32_t vendor_length = detail::Le32(number);
+  if (vendor_length == 0 || vendor_length >= kMaxLength || !fits(vendor_length) ||
+      !in.Seek(vendor_length, SeekFrom::kCurrent) || in.Read(number, 4) != 4) {
+    return false;
+  }
+  uint32_t count = detail::Le32(number);
+  if (size >= 0) {
+    // Each comment needs at least its 4-byte length.
+    const int64_t left = std::max<int64_t>(0, size - in.Tell());
+    if (count > left / 4) count = static_cast<uint32_t>(left / 4);
+  }
+  std::vector<std::string> comments;
+  for (uint32_t i = 0; i < count; ++i) {
+    if (in.Read(number, 4) != 4) return false;
+    const uint32_t length = detail::Le32(number);
+    if (length == 0 || length >= kMaxLength || !fits(length)) return false;
+    std::string text(length, '\0');
+    if (in.Read(text.data(), length) != length) return false;
+    comments.push_back(std::move(text));
+  }
+  for (const std::string& comment : comments)
+    MapVorbisField(comment, tags, true);
+  return true;
+}
+
+}  // namespace
+
+bool ReadOggVorbisInfo(ByteSource& file, MediaFileTags& tags, bool want_tags) {
+  std::string head(kSearchSize, '\0');
+  if (!file.Seek(0, SeekFrom::kStart)) return false;
+  head.resize(file.Read(head.data(), head.size()));
+  const size_t marker = head.find(kCommentMarker);
+  const bool paged = head.compare(0, 4, "OggS") == 0;
+  if (!paged && marker == std::string::npos) return false;
+
+  std::string ident, comment;
+  uint32_t serial = 0;
+  const bool packets = paged && ReadHeaderPackets(file, ident, comment, serial);
+  const bool vorbis = packets && ident.compare(0, kIdentMarker.size(), kIdentMarker) == 0 &&
+                      comment.compare(0, kCommentMarker.size(), kCommentMarker) == 0;
+  if (!vorbis && marker == std::string::npos) return false;  // Ogg, but not Vorbis
+
+  MediaFileTags result = tags;
+  result.formatName = "OGG";
+  if (vorbis && ident.size() >= 7 + 4 + 1 + 4 + 4 + 4) {
+    const auto* p = reinterpret_cast<const uint8_t*>(ident.data()) + 7;
+    const uint32_t sample_rate = detail::Le32(p + 5);
+    const auto nominal = static_cast<int32_t>(detail::Le32(p + 13));
+    const int64_t granule = LastGranule(file, serial);
+    if (granule > 0) {
+      result.durationFrames = detail::DurationFrames(static_cast<uint64_t>(granule), sample_rate);
+    }
+    if (nominal > 0) {
+      result.bitrateKbps = nominal / 1000;
+    } else if (granule > 0 && sample_rate > 0 && file.Size() > 0) {
+      const uint64_t ms = static_cast<uint64_t>(granule) * 1000 / sample_rate;
+      if (ms > 0) {
+        result.bitrateKbps = detail::ClampToInt32(static_cast<uint64_t>(file.Size()) * 8 / ms);
+      }
+    }
+  }
+  if (!want_tags) {
+    tags = std::move(result);
+    return true;
+  }
+
+  if (marker == std::string::npos && !vorbis) return false;
+  bool parsed = false;
+  if (vorbis) {
+    // The packet reassembled from its pages: page headers inside a long
+    // comment packet are not part of it.
+    MemorySource body(std::string_view(comment).substr(kCommentMarker.size()));
+    parsed = ReadCommentBody(body, result);
+  } else {
+    // No usable page structure: read on from the marker.
+    parsed = file.Seek(static_cast<int64_t>(marker + kCommentMarker.size()), SeekFrom::kStart) &&
+             ReadCommentBody(file, result);
+  }
+  if (!parsed && marker == std::string::npos) return false;
+  if (!parsed) {
+    // A discarded header still leaves a recognised Ogg Vorbis file.
+    MediaFileTags info_only = tags;
+    info_only.formatName = result.formatName;
+    info_only.durationFrames = result.durationFrames;
+    info_only.bitrateKbps = result.bitrateKbps;
+    result = std::move(info_only);
+  }
+  tags = std::move(result);
+  return true;
+}
+
+}  // namespace dischive

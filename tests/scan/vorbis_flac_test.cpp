@@ -1,0 +1,236 @@
+// Vorbis comments, FLAC pictures and the FLAC stream reader.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "dischive/tag_readers.h"
+#include "support/temp_dir.h"
+
+namespace dischive {
+namespace {
+
+std::string Le32(uint32_t v) {
+  return {static_cast<char>(v), static_cast<char>(v >> 8), static_cast<char>(v >> 16),
+          static_cast<char>(v >> 24)};
+}
+std::string Be32(uint32_t v) {
+  return {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8),
+          static_cast<char>(v)};
+}
+std::string Be24(uint32_t v) {
+  return {static_cast<char>(v >> 16), static_cast<char>(v >> 8), static_cast<char>(v)};
+}
+
+std::string CommentBlock(const std::vector<std::string>& comments) {
+  std::string block = Le32(6) + "vendor" + Le32(static_cast<uint32_t>(comments.size()));
+  for (const std::string& c : comments)
+    block += Le32(static_cast<uint32_t>(c.size())) + c;
+  return block;
+}
+
+// STREAMINFO with 8000 Hz and `samples` samples, of `length` bytes (34 or more).
+std::string StreamInfo(uint64_t samples, uint32_t length, bool last) {
+  std::string data(34, '\0');
+  data[10] = static_cast<char>(8000 >> 12);
+  data[11] = static_cast<char>((8000 >> 4) & 0xFF);
+  data[12] = static_cast<char>((8000 & 0x0F) << 4);
+  data[13] = static_cast<char>((samples >> 32) & 0x0F);
+  const std::string low = Be32(static_cast<uint32_t>(samples));
+  data.replace(14, 4, low);
+  data.resize(length, '\0');
+  return std::string(1, static_cast<char>(last ? 0x80 : 0x00)) + Be24(length) + data;
+}
+
+std::string Block(int type, const std::string& data, bool last) {
+  return std::string(1, static_cast<char>(type | (last ? 0x80 : 0))) +
+         Be24(static_cast<uint32_t>(data.size())) + data;
+}
+
+TEST(VorbisComment, MapsEveryFieldOfTheTable) {
+  struct Case {
+    std::vector<std::string> comments;
+    MediaFileTags expected;
+  };
+  auto with = [](auto change) {
+    MediaFileTags t;
+    change(t);
+    return t;
+  };
+  const std::vector<Case> cases = {
+      {{"TITLE=  Song  ", "album=Disc"}, with([](auto& t) { t.title = "Song", t.album = "Disc"; })},
+      {{"TRACKNUMBER=7/12"}, with([](auto& t) { t.trackNumber = 7; })},
+      {{"TRACKNUMBER=0"}, MediaFileTags{}},
+      {{"TRACKNUMBER=1023"}, with([](auto& t) { t.trackNumber = 1023; })},
+      {{"TRACKNUMBER=3", "TRACKNUMBER=1024"}, MediaFileTags{}},
+      {{"DISCNUMBER=0"}, MediaFileTags{}},
+      {{"DISCNUMBER=2000"}, with([](auto& t) { t.discNumber = 2000; })},
+      {{"BPM=-5"}, MediaFileTags{}},
+      {{"BPM=128"}, with([](auto& t) { t.bpm = 128; })},
+      {{"ARTIST=A", "Artist=B"}, with([](auto& t) { t.artist = "A, B"; })},
+      {{"ARTISTSORT=A"}, with([](auto& t) { t.artistSort = "A"; })},
+      {{"ARTISTSORT=A", "ARTISTSORT=B"}, MediaFileTags{}},
+      {{"ARTISTSORT=A", "ARTISTSORT=B", "ARTISTSORT=C"}, with([](auto& t) { t.artistSort = "C"; })},
+      {{"DESCRIPTION=first", "COMMENT=second"}, with([](auto& t) { t.comment = "first"; })},
+      {{"COMMENT=one", "DESCRIPTION=two"}, with([](auto& t) { t.comment = "one"; })},
+      {{"PERFORMER=P", "GENRE=G", "DATE=2001-02", "COMPOSER=C", "CONDUCTOR=D", "LYRICIST=L",
+        "LYRICS=la"},
+       with([](auto& t) {
+         t.performer = "P", t.genre = "G", t.year = "2001-02", t.composer = "C";
+         t.conductor = "D", t.lyricist = "L", t.lyrics = "la";
+       })},
+      {{"LABEL=One", "ORGANIZATION=Two"}, with([](auto& t) { t.label = "Two"; })},
+      {{"LOCATION=Hall", "UNKNOWN=x", "TITLE=", "TITLE=   ", "=value", "noequals"},
+       MediaFileTags{}},
+      {{"TITLE=a=b"}, with([](auto& t) { t.title = "a=b"; })},
+  };
+  for (const Case& c : cases) {
+    MediaFileTags tags;
+    const std::string block = CommentBlock(c.comments);
+    EXPECT_TRUE(ParseVorbisComment({reinterpret_cast<const uint8_t*>(block.data()), block.size()},
+                                   tags, true));
+    EXPECT_EQ(tags, c.expected) << c.comments.front();
+  }
+}
+
+TEST(VorbisComment, ConvertsOrKeepsLegacyText) {
+  MediaFileTags strict, lenient;
+  MapVorbisField("TITLE=Caf\xE9", strict, true);
+  MapVorbisField("TITLE=Caf\xE9", lenient, false);
+  EXPECT_EQ(strict.title, "Caf\xEF\xBF\xBD");  // U+FFFD
+  EXPECT_EQ(lenient.title, "Caf\xC3\xA9");     // read as Windows-1252
+  MapVorbisField("ARTIST=\xC3\x85sa", lenient, false);
+  EXPECT_EQ(lenient.artist, "\xC3\x85sa");
+}
+
+TEST(VorbisComment, StopsAtLengthsOutsideTheBlock) {
+  auto parse = [](const std::string& block, MediaFileTags& tags) {
+    return ParseVorbisComment({reinterpret_cast<const uint8_t*>(block.data()), block.size()}, tags,
+                              true);
+  };
+  MediaFileTags tags;
+  // The second comment claims more than the block holds; the first still counts.
+  std::string block = CommentBlock({"TITLE=kept"}) + Le32(100) + "ALBUM=x";
+  block.replace(10, 4, Le32(2));
+  EXPECT_FALSE(parse(block, tags));
+  EXPECT_EQ(tags.title, "kept");
+  EXPECT_TRUE(tags.album.empty());
+  // A vendor string of 1 MiB or more ends parsing before any comment.
+  MediaFileTags none;
+  EXPECT_FALSE(parse(Le32(1u << 20) + std::string(1u << 20, 'v') + Le32(0), none));
+  // A huge count with few bytes behind it is capped, not looped over.
+  MediaFileTags capped;
+  EXPECT_FALSE(parse(Le32(0) + Le32(0xFFFFFFFF) + Le32(7) + "TITLE=t", capped));
+  EXPECT_EQ(capped.title, "t");
+}
+
+TEST(FlacPicture, TakesOnlyFrontCoversInJpegOrPng) {
+  auto block = [](uint32_t type, const std::string& mime, const std::string& data,
+                  uint32_t data_length) {
+    return Be32(type) + Be32(static_cast<uint32_t>(mime.size())) + mime + Be32(4) + "desc" +
+           std::string(16, '\0') + Be32(data_length) + data;
+  };
+  struct Case {
+    std::string block;
+    bool taken;
+    PictureKind kind;
+  };
+  const std::vector<Case> cases = {
+      {block(3, "image/jpeg", "JPEG", 4), true, PictureKind::kJpeg},
+      {block(3, "image/jpg", "JPEG", 4), true, PictureKind::kJpeg},
+      {block(3, "image/png", "PNG!", 4), true, PictureKind::kPng},
+      {block(4, "image/jpeg", "JPEG", 4), false, PictureKind::kNone},  // back cover
+      {block(3, "image/gif", "GIF8", 4), false, PictureKind::kNone},
+      {block(3, "IMAGE/JPEG", "JPEG", 4), false, PictureKind::kNone},  // case counts
+      {block(3, "", "JPEG", 4), false, PictureKind::kNone},
+      {block(3, "image/png", "", 0), false, PictureKind::kNone},
+      {block(3, "image/png", "PNG!", 5), false, PictureKind::kNone},  // beyond the block
+      {block(3, "image/png", "PNG!", 0xFFFFFFFF), false, PictureKind::kNone},
+      {Be32(3) + Be32(0xFFFFFFF0) + "image/png", false, PictureKind::kNone},
+  };
+  for (const Case& c : cases) {
+    CoverPicture picture;
+    EXPECT_EQ(ParseFlacPicture({reinterpret_cast<const uint8_t*>(c.block.data()), c.block.size()},
+                               picture),
+              c.taken)
+        << c.block.size();
+    EXPECT_EQ(picture.kind, c.kind);
+    EXPECT_EQ(picture.data.empty(), !c.taken);
+  }
+}
+
+TEST(FlacReader, ReadsStreamInfoTagsAndTheSkipRules) {
+  const std::string comment = Block(4, CommentBlock({"TITLE=T", "ARTIST=A"}), true);
+  struct Case {
+    const char* name;
+    std::string file;
+    bool want_tags;
+    FlacResult result;
+    std::string title;
+    int32_t frames;
+  };
+  const std::string id3 = std::string("ID3\x03\x00\x00\x00\x00\x00\x05", 10) + "pad!!";
+  std::string extended = id3;
+  extended[5] = 0x40;
+  // A STREAMINFO of 40 bytes is followed by a skip of 40 - 38 = 2 bytes, so
+  // the next header is read 4 bytes early: here a comment block placed there.
+  const std::string long_info = "fLaC" + StreamInfo(16000, 40, false).substr(0, 4 + 34) +
+                                std::string(2, '\0') + comment + "zzzz";
+  const std::vector<Case> cases = {
+      {"plain", "fLaC" + StreamInfo(16000, 34, false) + comment, true, FlacResult::kRead, "T", 150},
+      {"no tags wanted", "fLaC" + StreamInfo(16000, 34, false) + comment, false, FlacResult::kRead,
+       "", 150},
+      {"last block", "fLaC" + StreamInfo(8000, 34, true) + comment, true, FlacResult::kRead, "",
+       75},
+      {"id3 in front", id3 + "fLaC" + StreamInfo(8000, 34, false) + comment, true,
+       FlacResult::kId3InFront, "T", 75},
+      {"id3, no flac", id3 + "MPEG audio here, not FLAC at all, no no no no", true,
+       FlacResult::kId3InFront, "", 0},
+      {"extended header", extended + "fLaC" + StreamInfo(8000, 34, false) + comment, true,
+       FlacResult::kNotFlac, "", 0},
+      {"id3 version 5", std::string("ID3\x05", 4) + std::string(60, '\0'), true,
+       FlacResult::kNotFlac, "", 0},
+      {"short", "fLaC" + StreamInfo(8000, 34, false).substr(0, 20), true, FlacResult::kNotFlac, "",
+       0},
+      {"not streaminfo first", "fLaC" + Block(4, std::string(34, '\0'), false), true,
+       FlacResult::kNotFlac, "", 0},
+      {"length - 38 skip", long_info, true, FlacResult::kRead, "T", 150},
+      {"short streaminfo", "fLaC" + StreamInfo(8000, 34, false).replace(1, 3, Be24(20)) + comment,
+       true, FlacResult::kRead, "", 75},
+      {"zero rate", "fLaC" + std::string(1, '\0') + Be24(34) + std::string(34, '\0'), true,
+       FlacResult::kRead, "", 0},
+      {"zero-length block ends",
+       "fLaC" + StreamInfo(8000, 34, false) + Block(1, "", false) + comment, true,
+       FlacResult::kRead, "", 75},
+      {"type 127 ends", "fLaC" + StreamInfo(8000, 34, false) + Block(127, "xx", false) + comment,
+       true, FlacResult::kRead, "", 75},
+  };
+  for (const Case& c : cases) {
+    MemorySource source(c.file);
+    MediaFileTags tags;
+    EXPECT_EQ(ReadFlacInfo(source, tags, c.want_tags, true, nullptr), c.result) << c.name;
+    EXPECT_EQ(tags.title, c.title) << c.name;
+    EXPECT_EQ(tags.durationFrames, c.frames) << c.name;
+    EXPECT_EQ(tags.formatName, c.frames > 0 || c.name == std::string("zero rate") ? "FLAC" : "")
+        << c.name;
+  }
+}
+
+TEST(FlacReader, TakesThePictureOnlyWhenWantedAndStillEmpty) {
+  const std::string picture =
+      Be32(3) + Be32(9) + "image/png" + Be32(0) + std::string(16, '\0') + Be32(4) + "PNG!";
+  const std::string file = "fLaC" + StreamInfo(8000, 34, false) + Block(6, picture, true);
+  MediaFileTags tags;
+  CoverPicture taken;
+  MemorySource a(file);
+  ReadFlacInfo(a, tags, true, true, &taken);
+  EXPECT_EQ(taken.data, "PNG!");
+  EXPECT_EQ(taken.kind, PictureKind::kPng);
+  CoverPicture held{"old", PictureKind::kJpeg};
+  MemorySource b(file);
+  ReadFlacInfo(b, tags, true, true, &held);
+  EXPECT_EQ(held.data, "old");
+}
+
+}  // namespace
+}  // namespace dischive
