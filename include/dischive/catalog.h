@@ -140,6 +140,15 @@ inline constexpr const char* kUserListKeys[] = {
     "user_formats", "user_categories", "user_genres", "user_stati",      "user_locations",
     "user_rsrc",    "user_rgen",       "user_rqual",  "user_conditions", "user_packagings"};
 
+/// Numbers of records in a catalogue.
+struct CatalogCounts {
+  size_t albums = 0;
+  size_t volumes = 0;
+  size_t tracks = 0;
+  size_t covers = 0;
+  size_t artists = 0;
+};
+
 class CatalogEngine {
  public:
   virtual ~CatalogEngine() = default;
@@ -151,6 +160,8 @@ class CatalogEngine {
 
   /// Number of album groups.
   virtual size_t AlbumCount() = 0;
+  /// Numbers of albums, volumes, tracks, covers and artist entries.
+  virtual CatalogCounts Counts() = 0;
   /// Visits every album in a stable order (by identifier), one at a time so
   /// that memory does not grow with the catalogue; stops when `visit` returns
   /// false. Returns 0 or a failure code.

@@ -21,6 +21,9 @@ inline constexpr HResult kCatalogNotFound = 1168;  ///< ERROR_NOT_FOUND: no such
 /// The lock file that marks a writer of the catalogue `path`: path + ".lock".
 std::filesystem::path CatalogLockPath(const std::filesystem::path& path);
 
+/// True when a process holds the catalogue's write lock now.
+bool CatalogBeingWritten(const std::filesystem::path& path);
+
 enum class CatalogOpenMode {
   kReadOnly,   ///< no writes; never blocked by a writer
   kReadWrite,  ///< takes the database's write lock; fails when another process holds it

@@ -133,11 +133,12 @@ std::string CheckDatabaseHeader(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
   unsigned char header[100] = {};
   in.read(reinterpret_cast<char*>(header), sizeof header);
-  if (!in && in.gcount() < static_cast<std::streamsize>(sizeof header)) {
-    return path.string() + " is not a catalogue (too short for a database file)";
-  }
-  if (std::memcmp(header, "SQLite format 3", 16) != 0) {
+  const std::streamsize got = in.gcount();
+  if (got < 16 || std::memcmp(header, "SQLite format 3", 16) != 0) {
     return path.string() + " is not a catalogue (not a database file)";
+  }
+  if (got < static_cast<std::streamsize>(sizeof header)) {
+    return path.string() + " is not a catalogue (too short for a database file)";
   }
   uint32_t page_size = ReadBigEndian(header + 16, 2);
   if (page_size == 1) page_size = 65536;
@@ -316,9 +317,20 @@ class SqliteCatalog final : public CatalogEngine {
 
   // Opens the connection and compiles the statements; fills *message on failure.
   HResult Open(std::string* message) {
-    const int flags = writable_ ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY;
-    const int rc = db_.Open(path_, flags, message);
-    if (rc != SQLITE_OK) return kCatalogInvalid;
+    // A reader, too, opens the file for writing when it may, with queries
+    // only: then the last connection to close can fold the write-ahead log
+    // back into the file and remove it, which a read-only connection cannot.
+    int rc = db_.Open(path_, SQLITE_OPEN_READWRITE, message);
+    if (rc != SQLITE_OK && !writable_) rc = db_.Open(path_, SQLITE_OPEN_READONLY, message);
+    if (rc != SQLITE_OK) {
+      *message = path_.string() + " cannot be opened: " + *message;
+      return (rc & 0xFF) == SQLITE_READONLY || (rc & 0xFF) == SQLITE_PERM ? kCatalogReadOnly
+                                                                           : kCatalogInvalid;
+    }
+    if (writable_ && sqlite3_db_readonly(db_.handle(), "main") == 1) {
+      *message = path_.string() + " cannot be written (read-only file or folder)";
+      return kCatalogReadOnly;
+    }
     try {
       db_.Exec("PRAGMA busy_timeout = 5000; PRAGMA cache_size = -8192;");
       if (writable_) {
@@ -352,6 +364,25 @@ class SqliteCatalog final : public CatalogEngine {
       if (st_->count_albums.Step()) count = static_cast<size_t>(st_->count_albums.Int(0));
     });
     return count;
+  }
+
+  CatalogCounts Counts() override {
+    std::lock_guard lock(mutex_);
+    CatalogCounts counts;
+    Guard([&] {
+      Statement s(db_,
+                  "SELECT (SELECT count(*) FROM albums), (SELECT count(*) FROM volumes), "
+                  "(SELECT count(*) FROM tracks), (SELECT count(*) FROM covers), "
+                  "(SELECT count(*) FROM artists)");
+      if (s.Step()) {
+        counts.albums = static_cast<size_t>(s.Int(0));
+        counts.volumes = static_cast<size_t>(s.Int(1));
+        counts.tracks = static_cast<size_t>(s.Int(2));
+        counts.covers = static_cast<size_t>(s.Int(3));
+        counts.artists = static_cast<size_t>(s.Int(4));
+      }
+    });
+    return counts;
   }
 
   HResult ForEachAlbum(const std::function<bool(const AlbumRecord&)>& visit) override {
@@ -1166,6 +1197,13 @@ std::filesystem::path CatalogLockPath(const std::filesystem::path& path) {
   std::filesystem::path lock = path;
   lock += ".lock";
   return lock;
+}
+
+bool CatalogBeingWritten(const std::filesystem::path& path) {
+  std::error_code ec;
+  if (!std::filesystem::exists(CatalogLockPath(path), ec)) return false;
+  platform::FileLock probe;
+  return probe.TryLock(CatalogLockPath(path)) == EWOULDBLOCK;
 }
 
 std::unique_ptr<CatalogEngine> OpenSqliteCatalog(const std::filesystem::path& path,

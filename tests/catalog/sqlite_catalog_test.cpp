@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <ctime>
 #include <thread>
@@ -267,6 +269,20 @@ TEST(SqliteCatalogTest, OneWriterWhileReadersRead) {
   EXPECT_EQ(message, "another process is writing to " + path.string());
   EXPECT_FALSE(Open(path, CatalogOpenMode::kCreate, &error, &message));
   EXPECT_EQ(error, kCatalogLocked);
+
+  // The same refusal in another process, which reads meanwhile.
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    HResult code = kOk;
+    const bool refused =
+        !OpenSqliteCatalog(path, CatalogOpenMode::kReadWrite, &code) && code == kCatalogLocked;
+    auto read = OpenSqliteCatalog(path, CatalogOpenMode::kReadOnly);
+    _exit(refused && read && read->AlbumCount() == 1 ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 
   auto reader = Open(path, CatalogOpenMode::kReadOnly, &error, &message);
   ASSERT_TRUE(reader) << message;
