@@ -43,6 +43,10 @@
 
 namespace dischive {
 
+namespace platform {
+class RemovableVolumeFinder;
+}
+
 // Scan flags ---------------------------------------------------------------
 
 namespace scan_flags {
@@ -141,6 +145,9 @@ struct FolderListing {
   std::vector<FolderFile> files;  ///< media files, by extension in list order, then by name
   uint64_t byte_total = 0;        ///< media, text and image files
   uint32_t stamp = 0;             ///< the scan stamp (see above)
+  /// The folder's cover picture: the first "cover", "folder" or "front" file
+  /// with the extension "jpg", "jpeg" or "png"; empty when there is none.
+  std::filesystem::path cover_file;
 };
 
 /// Called with a folder that held no media file and the first find error other
@@ -232,6 +239,9 @@ struct FolderScanOptions {
 class FolderScanner {
  public:
   FolderScanner(CatalogEngine& catalog, FolderScanOptions options);
+  ~FolderScanner();
+  FolderScanner(const FolderScanner&) = delete;
+  FolderScanner& operator=(const FolderScanner&) = delete;
 
   /// Enumerates and scans one folder (not its subfolders). `root` is the
   /// library folder the scan started from (for the path inference).
@@ -249,6 +259,7 @@ class FolderScanner {
   CatalogEngine& catalog_;
   FolderScanOptions options_;
   uint32_t profile_ = 0;
+  std::unique_ptr<platform::RemovableVolumeFinder> volumes_;
 };
 
 /// The third scan value for a set of options (see above).

@@ -127,19 +127,25 @@ std::vector<MountEntry> ParseMountInfo(std::string_view text) {
 
 std::optional<RemovableVolume> FindRemovableVolume(const fs::path& path,
                                                    const MountSources& sources) {
-  std::ifstream in(sources.mountinfo, std::ios::binary);
-  if (!in) return std::nullopt;
+  return RemovableVolumeFinder(sources).Find(path);
+}
+
+RemovableVolumeFinder::RemovableVolumeFinder(MountSources sources) : sources_(std::move(sources)) {
+  std::ifstream in(sources_.mountinfo, std::ios::binary);
+  if (!in) return;
   std::stringstream text;
   text << in.rdbuf();
-  const std::vector<MountEntry> mounts = ParseMountInfo(text.str());
+  mounts_ = ParseMountInfo(text.str());
+}
 
+std::optional<RemovableVolume> RemovableVolumeFinder::Find(const fs::path& path) {
   // The innermost mount point wins; of equal ones the later mount (it hides the
   // earlier).
   const MountEntry* best = nullptr;
   size_t best_depth = 0;
-  for (const MountEntry& mount : mounts) {
+  for (const MountEntry& mount : mounts_) {
     if (!IsPathBelow(path, mount.mount_point)) continue;
-    const size_t depth =
+    const auto depth =
         static_cast<size_t>(std::distance(mount.mount_point.begin(), mount.mount_point.end()));
     if (best == nullptr || depth >= best_depth) {
       best = &mount;
@@ -148,13 +154,20 @@ std::optional<RemovableVolume> FindRemovableVolume(const fs::path& path,
   }
   if (best == nullptr || best->major == 0) return std::nullopt;  // no block device
 
+  for (const auto& [mount, volume] : devices_) {
+    if (mount == best) return volume;
+  }
+  std::optional<RemovableVolume> volume;
   std::error_code ec;
   const fs::path device_link =
-      sources.sys_dev_block / (std::to_string(best->major) + ":" + std::to_string(best->minor));
-  fs::path device = fs::canonical(device_link, ec);
-  if (ec) return std::nullopt;
-  if (!IsRemovableOrOptical(DiskFolder(device))) return std::nullopt;
-  return RemovableVolume{best->mount_point, LabelOf(sources.labels, device.filename().string())};
+      sources_.sys_dev_block / (std::to_string(best->major) + ":" + std::to_string(best->minor));
+  const fs::path device = fs::canonical(device_link, ec);
+  if (!ec && IsRemovableOrOptical(DiskFolder(device))) {
+    volume =
+        RemovableVolume{best->mount_point, LabelOf(sources_.labels, device.filename().string())};
+  }
+  devices_.emplace_back(best, volume);
+  return volume;
 }
 
 }  // namespace dischive::platform

@@ -42,4 +42,17 @@ struct MountSources {
 std::optional<RemovableVolume> FindRemovableVolume(const std::filesystem::path& path,
                                                    const MountSources& sources = {});
 
+/// The same lookup for many paths: the mount table is read once and the answer
+/// for each device is kept (mounts are taken not to change meanwhile).
+class RemovableVolumeFinder {
+ public:
+  explicit RemovableVolumeFinder(MountSources sources = {});
+  std::optional<RemovableVolume> Find(const std::filesystem::path& path);
+
+ private:
+  MountSources sources_;
+  std::vector<MountEntry> mounts_;
+  std::vector<std::pair<const MountEntry*, std::optional<RemovableVolume>>> devices_;
+};
+
 }  // namespace dischive::platform

@@ -3,7 +3,7 @@
 
 #include "dischive/folder_scan.h"
 #include "dischive/text.h"
-#include "platform/removable_media.h"
+#include "scan/folder_scan_internal.h"
 
 namespace dischive {
 namespace {
@@ -74,18 +74,24 @@ std::optional<int32_t> TrackNumberFromTitle(std::string_view title) {
   return number;
 }
 
-std::string RemovableMediaLocation(const fs::path& path) {
+std::string detail::RemovableMediaLocation(const fs::path& path,
+                                           platform::RemovableVolumeFinder& finder) {
   std::error_code ec;
   fs::path absolute = fs::absolute(path, ec);
   if (ec) return {};
   absolute = Normal(absolute);
-  const std::optional<platform::RemovableVolume> volume = platform::FindRemovableVolume(absolute);
+  const std::optional<platform::RemovableVolume> volume = finder.Find(absolute);
   if (!volume) return {};
   std::string label = volume->label;
   std::replace(label.begin(), label.end(), '%', ' ');
   const fs::path below = absolute.lexically_relative(volume->mount_point);
   std::string rest = below.empty() || below == "." ? std::string() : below.generic_string();
   return "%" + label + "%/" + rest;
+}
+
+std::string RemovableMediaLocation(const fs::path& path) {
+  platform::RemovableVolumeFinder finder;
+  return detail::RemovableMediaLocation(path, finder);
 }
 
 }  // namespace dischive

@@ -192,6 +192,20 @@ bool EnumerateFolder(const fs::path& folder, const std::vector<std::string>& ext
   }
   if (listing.files.empty() && first_error != 0 && on_error) on_error(folder, first_error);
 
+  for (const Entry& e : entries) {
+    const size_t dot = e.name.rfind('.');
+    if (dot == std::string::npos) continue;
+    const std::string_view stem = std::string_view(e.name).substr(0, dot);
+    const std::string_view ext = std::string_view(e.name).substr(dot + 1);
+    if ((EqualsIgnoreCase(stem, "cover") || EqualsIgnoreCase(stem, "folder") ||
+         EqualsIgnoreCase(stem, "front")) &&
+        (EqualsIgnoreCase(ext, "jpg") || EqualsIgnoreCase(ext, "jpeg") ||
+         EqualsIgnoreCase(ext, "png"))) {
+      listing.cover_file = e.path;
+      break;
+    }
+  }
+
   for (std::string_view ext : kSideExtensions) {
     if (std::any_of(seen.begin(), seen.end(),
                     [&](const std::string& s) { return EqualsIgnoreCase(s, ext); })) {

@@ -12,6 +12,7 @@
 #include "dischive/ini.h"
 #include "dischive/strings.h"
 #include "dischive/text.h"
+#include "scan/folder_scan_internal.h"
 
 namespace dischive {
 namespace {
@@ -98,29 +99,17 @@ std::optional<uint32_t> DateFromYear(std::string_view text) {
   return std::nullopt;
 }
 
-// A picture file of the folder that names itself as its cover.
-std::string FolderCoverPicture(const fs::path& folder) {
-  static constexpr std::string_view kNames[] = {"cover", "folder", "front"};
-  static constexpr std::string_view kExtensions[] = {".jpg", ".jpeg", ".png"};
+// The bytes of the folder's cover picture file; empty when it has none or it
+// cannot be read.
+std::string ReadCoverFile(const fs::path& path) {
+  if (path.empty()) return {};
   std::error_code ec;
-  std::vector<fs::path> candidates;
-  for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
-    const std::string name = it->path().filename().string();
-    const fs::path stem = it->path().stem(), ext = it->path().extension();
-    if (name.empty() || name[0] == '.') continue;
-    if (!IsOneOf(stem.string(), kNames) || !IsOneOf(ext.string(), kExtensions)) continue;
-    candidates.push_back(it->path());
-  }
-  std::sort(candidates.begin(), candidates.end());
-  for (const fs::path& path : candidates) {
-    std::error_code size_ec;
-    const uintmax_t size = fs::file_size(path, size_ec);
-    if (size_ec || size == 0 || size > kMaxCoverBytes) continue;
-    std::ifstream in(path, std::ios::binary);
-    std::string bytes(static_cast<size_t>(size), '\0');
-    if (in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()))) return bytes;
-  }
-  return {};
+  const uintmax_t size = fs::file_size(path, ec);
+  if (ec || size == 0 || size > kMaxCoverBytes) return {};
+  std::ifstream in(path, std::ios::binary);
+  std::string bytes(static_cast<size_t>(size), '\0');
+  if (!in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()))) return {};
+  return bytes;
 }
 
 // Sets `id` to `text` when non-empty, else removes it (so that a rescan clears a
@@ -192,7 +181,12 @@ uint32_t ScanProfile(const FolderScanOptions& options) {
 }
 
 FolderScanner::FolderScanner(CatalogEngine& catalog, FolderScanOptions options)
-    : catalog_(catalog), options_(std::move(options)), profile_(ScanProfile(options_)) {}
+    : catalog_(catalog),
+      options_(std::move(options)),
+      profile_(ScanProfile(options_)),
+      volumes_(std::make_unique<platform::RemovableVolumeFinder>()) {}
+
+FolderScanner::~FolderScanner() = default;
 
 void FolderScanner::Log(std::string_view line) {
   if (options_.log != nullptr) options_.log->Write(line);
@@ -406,8 +400,8 @@ FolderScanResult FolderScanner::ScanFiles(const fs::path& folder, const FolderLi
     }
     if (album.title.empty()) album.title = LoadHostString(strings::kUnknownAlbum);
 
-    album.location = RemovableMediaLocation(folder);
-    album.cover = FolderCoverPicture(folder);
+    album.location = detail::RemovableMediaLocation(folder, *volumes_);
+    album.cover = ReadCoverFile(listing.cover_file);
     if (album.cover.empty()) album.cover = std::move(embedded_cover);
 
     // The records.

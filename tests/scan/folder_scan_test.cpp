@@ -301,6 +301,19 @@ TEST_F(FolderScanTest, ArtistsCompilationsCommentsAndFallbacks) {
   }
 }
 
+TEST_F(FolderScanTest, CoverPictureOfTheFolder) {
+  const fs::path folder = dir_ / "Covered";
+  WriteFile(folder / "1.mp3", Mp3({"a", "A", "Covered", ""}));
+  WriteFile(folder / "Cover.JPG", "\xFF\xD8 first picture");
+  FolderScanResult r = Scan(folder);
+  ASSERT_EQ(r.outcome, FolderOutcome::kAdded) << r.message;
+  EXPECT_EQ(catalog_->ReadCover(r.record_id), "\xFF\xD8 first picture");
+  WriteFile(folder / "Cover.JPG", "\xFF\xD8 second picture!");
+  r = Scan(folder);
+  EXPECT_EQ(r.outcome, FolderOutcome::kUpdated) << "a changed picture file changes the stamp";
+  EXPECT_EQ(catalog_->ReadCover(r.record_id), "\xFF\xD8 second picture!");
+}
+
 TEST_F(FolderScanTest, LibraryFoldersFlagsAndLibraryScan) {
   EXPECT_TRUE(LoadLibraryFolders(*catalog_).empty());
   const std::vector<LibraryFolder> three = {{"/a", 1}, {"/b", 2}, {"/c", 0}};
