@@ -230,6 +230,16 @@ class CatalogEngine {
   virtual HResult SuspendWriting() = 0;
   virtual void ResumeWriting() = 0;
 
+  // Batches -----------------------------------------------------------------
+
+  /// Groups the writes that follow, up to the matching EndBatch, into one
+  /// transaction, so that many small writes (a folder scan) commit once.
+  /// Batches nest; a single write that fails inside a batch is undone alone.
+  /// Engines without transactions keep these defaults, which do nothing.
+  virtual HResult BeginBatch() { return kOk; }
+  /// Commits the writes made since the matching BeginBatch.
+  virtual HResult EndBatch() { return kOk; }
+
   /// A one-line explanation of the last failure returned by this engine (empty
   /// when none), for messages to the user.
   virtual std::string LastErrorText() const = 0;

@@ -148,6 +148,10 @@ struct FolderListing {
   /// The folder's cover picture: the first "cover", "folder" or "front" file
   /// with the extension "jpg", "jpeg" or "png"; empty when there is none.
   std::filesystem::path cover_file;
+  /// The folder's "dischive.ini" (its name matched without regard to case): an
+  /// empty path when the folder has none; nullopt when not known, and then
+  /// the scan looks for it.
+  std::optional<std::filesystem::path> settings_file;
 };
 
 /// Called with a folder that held no media file and the first find error other
@@ -252,6 +256,7 @@ class FolderScanner {
                              const std::filesystem::path& root = {});
 
   const FolderScanOptions& options() const { return options_; }
+  CatalogEngine& catalog() { return catalog_; }
 
  private:
   void Log(std::string_view line);
@@ -291,7 +296,9 @@ using LibraryProgress = std::function<void(size_t done, size_t total, size_t fil
 using FolderDone = std::function<void(const std::filesystem::path&, const FolderScanResult&)>;
 
 /// Scans every root and its subfolders. A failed folder is counted and the
-/// scan goes on.
+/// scan goes on. The albums are committed in batches (every 100 albums
+/// written, or after two seconds), so that a large library is not written one
+/// transaction per folder and an interrupted scan keeps what it committed.
 LibraryScanSummary ScanLibrary(FolderScanner& scanner,
                                const std::vector<std::filesystem::path>& roots,
                                const LibraryProgress& progress = {},

@@ -311,6 +311,7 @@ class SqliteCatalog final : public CatalogEngine {
       : path_(std::move(path)), writable_(writable), lock_(std::move(lock)) {}
 
   ~SqliteCatalog() override {
+    if (batch_depth_ > 0) sqlite3_exec(db_.handle(), "RELEASE batch", nullptr, nullptr, nullptr);
     st_.reset();
     db_.Close();
   }
@@ -325,7 +326,7 @@ class SqliteCatalog final : public CatalogEngine {
     if (rc != SQLITE_OK) {
       *message = path_.string() + " cannot be opened: " + *message;
       return (rc & 0xFF) == SQLITE_READONLY || (rc & 0xFF) == SQLITE_PERM ? kCatalogReadOnly
-                                                                           : kCatalogInvalid;
+                                                                          : kCatalogInvalid;
     }
     if (writable_ && sqlite3_db_readonly(db_.handle(), "main") == 1) {
       *message = path_.string() + " cannot be written (read-only file or folder)";
@@ -786,6 +787,26 @@ class SqliteCatalog final : public CatalogEngine {
     return last_error_;
   }
 
+  // An outer savepoint around the batch: the savepoints of the single writes
+  // nest inside it, and nothing reaches the file before the last EndBatch.
+  HResult BeginBatch() override {
+    std::unique_lock lock(mutex_);
+    if (!writable_) return Refuse(kFail, "the catalogue is open for reading only");
+    return Guard([&] {
+      if (batch_depth_ == 0) db_.Exec("SAVEPOINT batch");
+      ++batch_depth_;
+    });
+  }
+
+  HResult EndBatch() override {
+    std::unique_lock lock(mutex_);
+    if (batch_depth_ == 0) return kOk;
+    return Guard([&] {
+      if (batch_depth_ == 1) db_.Exec("RELEASE batch");
+      --batch_depth_;
+    });
+  }
+
  private:
   // Runs `work`, turning failures into result codes (FatalDatabaseError passes).
   template <typename Work>
@@ -1156,6 +1177,7 @@ class SqliteCatalog final : public CatalogEngine {
   std::unique_ptr<Statements> st_;
   std::string last_error_;
   bool suspended_ = false;
+  int batch_depth_ = 0;
   std::thread::id suspender_;
   platform::FileLock suspend_lock_;
 };

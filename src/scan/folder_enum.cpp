@@ -2,13 +2,13 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <system_error>
 
 #include "dischive/errors.h"
 #include "dischive/folder_scan.h"
 #include "dischive/text.h"
+#include "platform/file_find.h"
 
 namespace dischive {
 namespace {
@@ -44,28 +44,20 @@ bool NameLess(const std::string& a, const std::string& b) {
 // Entries that are folders, not regular files, or dot names (the hidden files of
 // POSIX) are left out. Returns 0 or a Windows error number.
 uint32_t ReadFolder(const fs::path& folder, std::vector<Entry>& entries) {
-  std::error_code ec;
-  fs::directory_iterator it(folder, ec);
-  if (ec) return FindErrorFromErrno(ec.value());
-  for (const fs::directory_iterator end; it != end; it.increment(ec)) {
-    if (ec) break;
-    const fs::directory_entry& de = *it;
-    std::string name = de.path().filename().string();
-    if (name.empty() || name[0] == '.') continue;
-    std::error_code type_ec;
-    if (!de.is_regular_file(type_ec) || type_ec) continue;  // folders, devices, broken links
+  std::vector<platform::FolderEntry> listed;
+  if (const int err = platform::ListFolder(folder, listed, true); err != 0) {
+    return FindErrorFromErrno(err);
+  }
+  entries.reserve(listed.size());
+  for (platform::FolderEntry& e : listed) {
+    if (e.name.empty() || e.name[0] == '.' || !e.is_regular) continue;
     Entry entry;
-    entry.size = de.file_size(type_ec);
-    if (type_ec) continue;
-    const auto time = de.last_write_time(type_ec);
-    if (type_ec) continue;
-    entry.mtime_ns =
-        std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count();
-    entry.name = std::move(name);
-    entry.path = de.path();
+    entry.path = folder / e.name;
+    entry.name = std::move(e.name);
+    entry.size = e.size;
+    entry.mtime_ns = e.mtime_ns;
     entries.push_back(std::move(entry));
   }
-  if (ec && entries.empty()) return FindErrorFromErrno(ec.value());
   std::sort(entries.begin(), entries.end(),
             [](const Entry& a, const Entry& b) { return NameLess(a.name, b.name); });
   return 0;
@@ -192,6 +184,15 @@ bool EnumerateFolder(const fs::path& folder, const std::vector<std::string>& ext
   }
   if (listing.files.empty() && first_error != 0 && on_error) on_error(folder, first_error);
 
+  if (read_error == 0) {
+    listing.settings_file = fs::path();
+    for (const Entry& e : entries) {
+      if (EqualsIgnoreCase(e.name, "dischive.ini")) {
+        listing.settings_file = e.path;
+        break;
+      }
+    }
+  }
   for (const Entry& e : entries) {
     const size_t dot = e.name.rfind('.');
     if (dot == std::string::npos) continue;

@@ -5,6 +5,7 @@
 #include <fmt/printf.h>
 
 #include <algorithm>
+#include <chrono>
 #include <fstream>
 #include <set>
 
@@ -12,6 +13,7 @@
 #include "dischive/ini.h"
 #include "dischive/strings.h"
 #include "dischive/text.h"
+#include "platform/file_find.h"
 #include "scan/folder_scan_internal.h"
 
 namespace dischive {
@@ -209,7 +211,8 @@ FolderScanResult FolderScanner::ScanFiles(const fs::path& folder, const FolderLi
   // Per-folder settings: exclusion and attachment to a record entered by hand.
   const std::string section =
       options_.section.empty() ? std::string(kDefaultSection) : options_.section;
-  const IniDocument ini = IniDocument::Load(folder / kSettingsFile);
+  const fs::path settings_path = listing.settings_file.value_or(folder / kSettingsFile);
+  const IniDocument ini = settings_path.empty() ? IniDocument() : IniDocument::Load(settings_path);
   if (!options_.forced && !options_.ignore_exclusions) {
     auto excluded = [&ini](std::string_view s) {
       const std::optional<std::string> v = ini.Get(s, "Exclude");
@@ -547,13 +550,11 @@ std::vector<fs::path> CollectFolders(const fs::path& root) {
     fs::path folder = std::move(stack.back());
     stack.pop_back();
     std::vector<fs::path> children;
-    std::error_code ec;
-    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
-      const std::string name = it->path().filename().string();
-      if (name.empty() || name[0] == '.') continue;
-      std::error_code type_ec;
-      if (it->is_symlink(type_ec) || !it->is_directory(type_ec)) continue;
-      children.push_back(it->path());
+    std::vector<platform::FolderEntry> entries;
+    platform::ListFolder(folder, entries, false);
+    for (const platform::FolderEntry& e : entries) {
+      if (e.name.empty() || e.name[0] == '.' || e.is_symlink || !e.is_directory) continue;
+      children.push_back(folder / e.name);
     }
     std::sort(children.begin(), children.end(), [](const fs::path& a, const fs::path& b) {
       const std::string la = ToLowerAscii(a.filename().string());
@@ -576,6 +577,22 @@ LibraryScanSummary ScanLibrary(FolderScanner& scanner, const std::vector<fs::pat
       folders.emplace_back(std::move(folder), root);
   }
   summary.folders = folders.size();
+
+  CatalogEngine& catalog = scanner.catalog();
+  constexpr size_t kBatchAlbums = 100;
+  constexpr auto kBatchTime = std::chrono::seconds(2);
+  bool in_batch = catalog.BeginBatch() == kOk;
+  size_t batch_writes = 0;
+  auto batch_start = std::chrono::steady_clock::now();
+  auto end_batch = [&] {
+    if (in_batch && catalog.EndBatch() != kOk) {
+      summary.failed += batch_writes;
+      summary.failures.emplace_back(fs::path(),
+                                    "cannot commit to the catalogue: " + catalog.LastErrorText());
+    }
+    in_batch = false;
+  };
+
   for (size_t i = 0; i < folders.size(); ++i) {
     const auto& [folder, root] = folders[i];
     if (progress) progress(i, folders.size(), summary.files, folder);
@@ -587,6 +604,16 @@ LibraryScanSummary ScanLibrary(FolderScanner& scanner, const std::vector<fs::pat
       r.message = e.what();
     }
     summary.files += r.files;
+    if (r.outcome == FolderOutcome::kAdded || r.outcome == FolderOutcome::kUpdated) {
+      ++batch_writes;
+      if (batch_writes >= kBatchAlbums ||
+          std::chrono::steady_clock::now() - batch_start >= kBatchTime) {
+        end_batch();
+        in_batch = catalog.BeginBatch() == kOk;
+        batch_writes = 0;
+        batch_start = std::chrono::steady_clock::now();
+      }
+    }
     if (on_folder) on_folder(folder, r);
     switch (r.outcome) {
       case FolderOutcome::kNoFiles:
@@ -611,6 +638,7 @@ LibraryScanSummary ScanLibrary(FolderScanner& scanner, const std::vector<fs::pat
         break;
     }
   }
+  end_batch();
   if (progress) progress(folders.size(), folders.size(), summary.files, {});
   return summary;
 }

@@ -346,6 +346,11 @@ TEST_F(FolderScanTest, LibraryFoldersFlagsAndLibraryScan) {
   EXPECT_EQ(s.added, 2u);
   EXPECT_EQ(s.excluded, 1u);
   EXPECT_EQ(s.empty, 2u);
+  // The batch of the library scan is committed: another connection sees it.
+  auto reader = OpenSqliteCatalog(catalog_->path(), CatalogOpenMode::kReadOnly);
+  ASSERT_NE(reader, nullptr);
+  EXPECT_EQ(reader->AlbumCount(), 2u);
+  reader.reset();
   s = ScanLibrary(scanner, {dir_ / "lib"});
   EXPECT_EQ(s.skipped, 2u);
   EXPECT_EQ(s.added + s.updated, 0u);
