@@ -4,8 +4,11 @@
 // do).
 //
 // Targets: the first scan within 2x of the floor (files/s); the unchanged
-// rescan at least 20x faster than the first scan.
+// rescan at least 20x faster than the first scan. The floor runs first and
+// warms the page cache for the others.
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
@@ -115,22 +118,22 @@ FolderScanOptions Options() {
   return options;
 }
 
-// The floor: open, read and close every file.
+// The floor, as the tag reader benchmark defines it: open each file, read its
+// first 64 KiB, close it.
 void BM_RawReadFloor(benchmark::State& state) {
   Corpus& corpus = TheCorpus();
-  std::vector<char> buffer(1 << 16);
+  std::vector<char> buffer(65536);
+  uint64_t total = 0;
   for (auto _ : state) {
-    uint64_t total = 0;
     for (const fs::path& path : corpus.files) {
-      std::FILE* f = std::fopen(path.c_str(), "rb");
-      if (f == nullptr) continue;
-      size_t n;
-      while ((n = std::fread(buffer.data(), 1, buffer.size(), f)) > 0)
-        total += n;
-      std::fclose(f);
+      const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+      if (fd < 0) continue;
+      const ssize_t n = ::read(fd, buffer.data(), buffer.size());
+      if (n > 0) total += static_cast<uint64_t>(n);
+      ::close(fd);
     }
-    benchmark::DoNotOptimize(total);
   }
+  benchmark::DoNotOptimize(total);
   state.counters["files/s"] = benchmark::Counter(
       static_cast<double>(corpus.files.size()) * static_cast<double>(state.iterations()),
       benchmark::Counter::kIsRate);
@@ -200,7 +203,7 @@ void BM_UnchangedRescan(benchmark::State& state) {
 BENCHMARK(BM_RawReadFloor)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);
 BENCHMARK(BM_ReadMediaFiles)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);
 BENCHMARK(BM_FirstScan)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
-BENCHMARK(BM_UnchangedRescan)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+BENCHMARK(BM_UnchangedRescan)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
 
 }  // namespace
 }  // namespace dischive

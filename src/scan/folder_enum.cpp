@@ -28,7 +28,6 @@ uint32_t FindErrorFromErrno(int err) {
 
 struct Entry {
   std::string name;
-  fs::path path;
   uint64_t size = 0;
   int64_t mtime_ns = 0;
 };
@@ -36,8 +35,13 @@ struct Entry {
 // Orders names the way the Windows find calls return them on NTFS: without
 // regard to case, byte order breaking ties so that the order is total.
 bool NameLess(const std::string& a, const std::string& b) {
-  const std::string la = ToLowerAscii(a), lb = ToLowerAscii(b);
-  return la != lb ? la < lb : a < b;
+  const size_t n = std::min(a.size(), b.size());
+  for (size_t i = 0; i < n; ++i) {
+    const auto ca = static_cast<unsigned char>(ToLowerAscii(a[i]));
+    const auto cb = static_cast<unsigned char>(ToLowerAscii(b[i]));
+    if (ca != cb) return ca < cb;
+  }
+  return a.size() != b.size() ? a.size() < b.size() : a < b;
 }
 
 // Reads the folder once; the patterns are then matched against the names.
@@ -52,7 +56,6 @@ uint32_t ReadFolder(const fs::path& folder, std::vector<Entry>& entries) {
   for (platform::FolderEntry& e : listed) {
     if (e.name.empty() || e.name[0] == '.' || !e.is_regular) continue;
     Entry entry;
-    entry.path = folder / e.name;
     entry.name = std::move(e.name);
     entry.size = e.size;
     entry.mtime_ns = e.mtime_ns;
@@ -161,7 +164,7 @@ bool EnumerateFolder(const fs::path& folder, const std::vector<std::string>& ext
       for (const Entry& e : entries) {
         if (!MatchesExtension(e.name, ext)) continue;
         FolderFile file;
-        file.path = e.path;
+        file.path = folder / e.name;
         file.name = e.name;
         file.short_name = e.name;  // POSIX file systems keep no 8.3 names
         file.size = e.size;
@@ -188,7 +191,7 @@ bool EnumerateFolder(const fs::path& folder, const std::vector<std::string>& ext
     listing.settings_file = fs::path();
     for (const Entry& e : entries) {
       if (EqualsIgnoreCase(e.name, "dischive.ini")) {
-        listing.settings_file = e.path;
+        listing.settings_file = folder / e.name;
         break;
       }
     }
@@ -202,7 +205,7 @@ bool EnumerateFolder(const fs::path& folder, const std::vector<std::string>& ext
          EqualsIgnoreCase(stem, "front")) &&
         (EqualsIgnoreCase(ext, "jpg") || EqualsIgnoreCase(ext, "jpeg") ||
          EqualsIgnoreCase(ext, "png"))) {
-      listing.cover_file = e.path;
+      listing.cover_file = folder / e.name;
       break;
     }
   }
