@@ -12,6 +12,8 @@ trap 'rm -rf "$work"' EXIT
 mkdir -p "$out"
 
 ff() { ffmpeg -hide_banner -loglevel error -y "$@"; }
+# Output options that keep the generated files the same from run to run.
+exact="-fflags +bitexact"
 
 # Sources: one second of a 440 Hz tone at 8 and 16 kHz, and tiny cover images.
 ff -f lavfi -i "sine=frequency=440:sample_rate=8000:duration=1" -ac 1 -c:a pcm_s16le -fflags +bitexact -flags:a +bitexact "$work/tone8k.wav"
@@ -46,11 +48,11 @@ cp "$out/tagged.flac" "$out/id3-front.flac"
 id3v2 --song "ID3 Title" --artist "ID3 Artist" "$out/id3-front.flac"
 
 # Ogg Vorbis, one small file and one whose comment packet spans several pages.
-oggenc --quiet -q 0 -o "$out/tagged.ogg" \
+oggenc --quiet -q 0 --serial 1 -o "$out/tagged.ogg" \
   -t "Ogg Title" -a "Ogg Artist" -l "Ogg Album" -N 7 -G "Jazz" -d 1999 \
   -c "DISCNUMBER=1" -c "LYRICS=la la" "$work/tone8k.wav"
 lyrics=$(head -c 9000 /dev/zero | tr '\0' 'x')
-oggenc --quiet -q 0 -o "$out/long-comment.ogg" -t "Long" "$work/tone8k.wav"
+oggenc --quiet -q 0 --serial 2 -o "$out/long-comment.ogg" -t "Long" "$work/tone8k.wav"
 vorbiscomment -a -t "LYRICS=$lyrics" -t "ARTIST=After The Long One" "$out/long-comment.ogg"
 
 # MP3: CBR at 44.1 kHz (MPEG-1) with an Info header and an ID3v2.3 tag from
@@ -69,21 +71,22 @@ ff -i "$work/vbr16.mp3" -i "$work/cover.png" -map 0 -map 1 -c copy -id3v2_versio
   -metadata title="Vbr Tïtle" -metadata artist="Ärtist" -metadata album="Vbr Album" \
   -metadata track=9 -metadata genre="(13)" -metadata date=2010 \
   -metadata:s:v title="Album cover" -metadata:s:v comment="Cover (front)" \
-  "$out/vbr-id3v24.mp3"
+  $exact "$out/vbr-id3v24.mp3"
 
 lame --quiet -V 6 "$work/tone8k.wav" "$work/vbr8.mp3"
 ff -i "$work/vbr8.mp3" -c copy -id3v2_version 3 \
   -metadata title="Acht kHz" -metadata artist="Ωmega" -metadata TBPM=98 \
-  "$out/mpeg25-id3v23.mp3"
+  $exact "$out/mpeg25-id3v23.mp3"
 
-# WMA (ASF) with content description and extended content description.
+# WMA (ASF) with content description and extended content description; the
+# zero-based WM/Track as Windows Media Player writes it.
 ff -i "$work/tone16k.wav" -c:a wmav2 -b:a 32k \
   -metadata title="Wma Title" -metadata artist="Wma Artist" -metadata album="Wma Album" \
-  -metadata date=2003 -metadata genre="Rock" -metadata comment="Wma comment" \
-  -metadata track=5 "$out/tagged.wma"
+  -metadata WM/Year=2003 -metadata genre="Rock" -metadata comment="Wma comment" \
+  -metadata WM/Track=4 -metadata WM/PartOfSet=1 $exact "$out/tagged.wma"
 
 # RIFF/WAVE with a LIST INFO chunk and an odd-sized chunk before "data".
 ff -i "$work/tone8k.wav" -c:a pcm_u8 -metadata title="Wave Title" -metadata artist="Wave Artist" \
-  "$out/tagged.wav"
+  $exact "$out/tagged.wav"
 
 ls -l "$out"

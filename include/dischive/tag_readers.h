@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <span>
@@ -42,6 +41,8 @@ class ByteSource {
 class MemorySource final : public ByteSource {
  public:
   explicit MemorySource(std::string_view bytes) : bytes_(bytes) {}
+  /// The bytes must outlive the source: a temporary string cannot.
+  explicit MemorySource(std::string&&) = delete;
   size_t Read(void* buffer, size_t count) override;
   bool Seek(int64_t offset, SeekFrom from) override;
   int64_t Tell() const override { return pos_; }
@@ -52,8 +53,12 @@ class MemorySource final : public ByteSource {
   int64_t pos_ = 0;
 };
 
-/// A file read through a small window buffer, so that the many short header
-/// reads of a tag reader cost one system read.
+namespace platform {
+class ReadOnlyFile;
+}
+
+/// A file read through a window buffer, so that the many short header reads
+/// of a tag reader cost one system read.
 class FileSource final : public ByteSource {
  public:
   /// Opens `path` for reading; nullptr with `error` set (2 not found,
@@ -70,13 +75,11 @@ class FileSource final : public ByteSource {
 
  private:
   static constexpr size_t kWindowSize = 16384;
-  explicit FileSource(std::FILE* file);
-  size_t ReadAt(int64_t offset, void* buffer, size_t count);
+  explicit FileSource(std::unique_ptr<platform::ReadOnlyFile> file);
 
-  std::FILE* file_;
+  std::unique_ptr<platform::ReadOnlyFile> file_;
   int64_t pos_ = 0;           // logical position
-  int64_t file_pos_ = 0;      // position of the underlying stream
-  int64_t size_ = -2;         // -2 not asked yet
+  int64_t size_ = -2;         // -2 not known yet
   int64_t window_start_ = 0;  // file offset of window_[0]
   size_t window_len_ = 0;
   std::unique_ptr<uint8_t[]> window_;

@@ -1,9 +1,9 @@
 // ByteSource over memory and over a file.
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 
 #include "dischive/tag_readers.h"
+#include "platform/file.h"
 
 namespace dischive {
 
@@ -26,35 +26,15 @@ bool MemorySource::Seek(int64_t offset, SeekFrom from) {
 }
 
 std::unique_ptr<FileSource> FileSource::Open(const std::filesystem::path& path, HResult& error) {
-  std::FILE* file = std::fopen(path.c_str(), "rb");
-  if (file == nullptr) {
-    error = errno == ENOENT || errno == ENOTDIR ? kErrorFileNotFound
-            : errno == EACCES || errno == EPERM ? kErrorAccessDenied
-                                                : kFail;
-    return nullptr;
-  }
-  // The window does the buffering; the stream's own buffer would only copy twice.
-  std::setvbuf(file, nullptr, _IONBF, 0);
-  error = kOk;
-  return std::unique_ptr<FileSource>(new FileSource(file));
+  std::unique_ptr<platform::ReadOnlyFile> file = platform::ReadOnlyFile::Open(path, error);
+  if (!file) return nullptr;
+  return std::unique_ptr<FileSource>(new FileSource(std::move(file)));
 }
 
-FileSource::FileSource(std::FILE* file) : file_(file), window_(new uint8_t[kWindowSize]) {}
+FileSource::FileSource(std::unique_ptr<platform::ReadOnlyFile> file)
+    : file_(std::move(file)), window_(new uint8_t[kWindowSize]) {}
 
-FileSource::~FileSource() {
-  std::fclose(file_);
-}
-
-size_t FileSource::ReadAt(int64_t offset, void* buffer, size_t count) {
-  if (offset != file_pos_) {
-    if (std::fseek(file_, static_cast<long>(offset), SEEK_SET) != 0) return 0;
-    file_pos_ = offset;
-  }
-  const size_t n = std::fread(buffer, 1, count, file_);
-  file_pos_ += static_cast<int64_t>(n);
-  if (n < count) std::clearerr(file_);
-  return n;
-}
+FileSource::~FileSource() = default;
 
 size_t FileSource::Read(void* buffer, size_t count) {
   auto* out = static_cast<uint8_t*>(buffer);
@@ -70,15 +50,20 @@ size_t FileSource::Read(void* buffer, size_t count) {
       pos_ += static_cast<int64_t>(n);
       continue;
     }
+    if (size_ >= 0 && pos_ >= size_) break;
     if (count >= kWindowSize) {
       // Large reads (pictures, big comment blocks) go straight to the caller.
-      const size_t n = ReadAt(pos_, out, count);
-      pos_ += static_cast<int64_t>(n);
-      return total + n;
+      const int64_t n = file_->ReadAt(pos_, out, count);
+      if (n <= 0) break;
+      pos_ += n;
+      return total + static_cast<size_t>(n);
     }
-    window_len_ = ReadAt(pos_, window_.get(), kWindowSize);
+    const int64_t n = file_->ReadAt(pos_, window_.get(), kWindowSize);
     window_start_ = pos_;
-    if (window_len_ == 0) break;
+    window_len_ = n > 0 ? static_cast<size_t>(n) : 0;
+    // A short read ends at the end of the file: its size is known for free.
+    if (n > 0 && static_cast<size_t>(n) < kWindowSize && size_ == -2) size_ = pos_ + n;
+    if (n <= 0) break;
   }
   return total;
 }
@@ -91,14 +76,7 @@ bool FileSource::Seek(int64_t offset, SeekFrom from) {
 }
 
 int64_t FileSource::Size() {
-  if (size_ == -2) {
-    size_ = -1;
-    if (std::fseek(file_, 0, SEEK_END) == 0) {
-      const long end = std::ftell(file_);
-      if (end >= 0) size_ = end;
-    }
-    file_pos_ = -1;  // unknown now: the next read seeks
-  }
+  if (size_ == -2) size_ = file_->Size();
   return size_;
 }
 

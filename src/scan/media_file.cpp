@@ -2,6 +2,7 @@
 // extension, the way TagLib's FileRef tries detectByContent and
 // detectByExtension.
 #include <cstring>
+#include <type_traits>
 
 #include "dischive/tag_readers.h"
 #include "dischive/text.h"
@@ -9,7 +10,7 @@
 namespace dischive {
 namespace {
 
-enum class Format { kUnknown, kFlac, kOgg, kMp3 };
+enum class Format { kUnknown, kFlac, kOgg, kMp3, kAsf, kRiff };
 
 constexpr uint8_t kAsfHeaderGuid[16] = {0x30, 0x26, 0xB2, 0x75, 0x8E, 0x66, 0xCF, 0x11,
                                         0xA6, 0xD9, 0x00, 0xAA, 0x00, 0x62, 0xCE, 0x6C};
@@ -17,6 +18,10 @@ constexpr uint8_t kAsfHeaderGuid[16] = {0x30, 0x26, 0xB2, 0x75, 0x8E, 0x66, 0xCF
 Format ByContent(const uint8_t* head, size_t length) {
   if (length >= 4 && std::memcmp(head, "fLaC", 4) == 0) return Format::kFlac;
   if (length >= 4 && std::memcmp(head, "OggS", 4) == 0) return Format::kOgg;
+  if (length >= 12 && std::memcmp(head, "RIFF", 4) == 0 && std::memcmp(head + 8, "WAVE", 4) == 0) {
+    return Format::kRiff;
+  }
+  if (length >= 16 && std::memcmp(head, kAsfHeaderGuid, 16) == 0) return Format::kAsf;
   // An ID3v2 tag: FLAC or MP3 behind it, which the FLAC reader tells apart.
   if (length >= 3 && std::memcmp(head, "ID3", 3) == 0) return Format::kFlac;
   if (length >= 2 && head[0] == 0xFF && (head[1] & 0xE0) == 0xE0) return Format::kMp3;
@@ -28,6 +33,8 @@ Format ByExtension(std::string_view extension) {
   if (ext == "flac" || ext == "fla") return Format::kFlac;
   if (ext == "ogg" || ext == "oga") return Format::kOgg;
   if (ext == "mp3" || ext == "mp2" || ext == "mpga") return Format::kMp3;
+  if (ext == "wma" || ext == "asf") return Format::kAsf;
+  if (ext == "wav" || ext == "wave") return Format::kRiff;
   return Format::kUnknown;
 }
 
@@ -80,6 +87,14 @@ bool ReadAs(Format format, ByteSource& file, MediaFileInfo& info, CoverPicture* 
       if (!ReadMp3Info(file, info.tags, picture)) return false;
       info.reader = "id3v2";
       return true;
+    case Format::kAsf:
+      if (!ReadWmaInfo(file, info.tags, picture)) return false;
+      info.reader = "asf";
+      return true;
+    case Format::kRiff:
+      if (!ReadRiffWaveInfo(file, info.tags)) return false;
+      info.reader = "riff";
+      return true;
     case Format::kUnknown:
       break;
   }
@@ -110,8 +125,20 @@ HResult ReadMediaFile(const std::filesystem::path& path, MediaFileInfo& info, bo
   HResult error = kOk;
   std::unique_ptr<FileSource> file = FileSource::Open(path, error);
   if (!file) return error;
-  std::string extension = path.extension().string();
-  if (!extension.empty()) extension.erase(0, 1);
+  std::string extension;
+  if constexpr (std::is_same_v<std::filesystem::path::value_type, char>) {
+    // From the name itself: cheaper than path::extension(), which splits the
+    // whole path into components.
+    const std::string& name = path.native();
+    const size_t dot = name.rfind('.');
+    const size_t slash = name.rfind('/');
+    if (dot != std::string::npos && (slash == std::string::npos || dot > slash + 1)) {
+      extension.assign(name, dot + 1);
+    }
+  } else {
+    extension = path.extension().string();
+    if (!extension.empty()) extension.erase(0, 1);
+  }
   return ReadMediaSource(*file, extension, info, want_picture);
 }
 

@@ -82,10 +82,12 @@ int64_t LastGranule(ByteSource& file, uint32_t serial) {
         file.Read(buffer.data(), buffer.size()) != buffer.size()) {
       return -1;
     }
-    for (size_t pos = buffer.rfind("OggS"); pos != std::string::npos;
-         pos = pos == 0 ? std::string::npos : buffer.rfind("OggS", pos - 1)) {
-      if (buffer.size() - pos < kPageHeaderSize) continue;
-      const auto* p = reinterpret_cast<const uint8_t*>(buffer.data() + pos);
+    // Backwards over the tail for "OggS" (a plain byte loop: the library's
+    // rfind compares at every position).
+    const auto* bytes = reinterpret_cast<const uint8_t*>(buffer.data());
+    for (size_t pos = buffer.size() - kPageHeaderSize + 1; pos-- > 0;) {
+      if (bytes[pos] != 'O' || std::memcmp(bytes + pos, "OggS", 4) != 0) continue;
+      const uint8_t* p = bytes + pos;
       if (detail::Le32(p + 14) != serial) continue;
       const uint64_t granule = detail::Le64(p + 6);
       if (granule > static_cast<uint64_t>(INT64_MAX)) continue;  // -1: no packet ends here

@@ -2,6 +2,7 @@
 #include "scan/tag_util.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "dischive/text.h"
 
@@ -29,9 +30,53 @@ int32_t ParseLeadingInt(std::string_view text) {
   return static_cast<int32_t>(value);
 }
 
+bool IsUtf8(std::string_view text) {
+  const auto* p = reinterpret_cast<const uint8_t*>(text.data());
+  const size_t n = text.size();
+  size_t i = 0;
+  while (i < n) {
+    // Runs of ASCII, the bulk of most tags, eight bytes at a time.
+    while (n - i >= 8) {
+      uint64_t word;
+      std::memcpy(&word, p + i, 8);
+      if ((word & 0x8080808080808080u) != 0) break;
+      i += 8;
+    }
+    if (i == n) break;
+    const uint8_t c = p[i];
+    if (c < 0x80) {
+      ++i;
+      continue;
+    }
+    // Lead byte: length and the range of the second byte that excludes
+    // overlong forms, surrogates and code points above U+10FFFF.
+    size_t length;
+    uint8_t low = 0x80, high = 0xBF;
+    if (c >= 0xC2 && c <= 0xDF) {
+      length = 2;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+      length = 3;
+      if (c == 0xE0) low = 0xA0;
+      if (c == 0xED) high = 0x9F;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+      length = 4;
+      if (c == 0xF0) low = 0x90;
+      if (c == 0xF4) high = 0x8F;
+    } else {
+      return false;
+    }
+    if (n - i < length || p[i + 1] < low || p[i + 1] > high) return false;
+    for (size_t k = 2; k < length; ++k) {
+      if ((p[i + k] & 0xC0) != 0x80) return false;
+    }
+    i += length;
+  }
+  return true;
+}
+
 std::string TagTextToUtf8(std::string_view text, bool strict) {
-  if (strict) return SanitizeUtf8(text);
-  return IsValidUtf8(text) ? std::string(text) : Cp1252ToUtf8(text);
+  if (IsUtf8(text)) return std::string(text);
+  return strict ? SanitizeUtf8(text) : Cp1252ToUtf8(text);
 }
 
 PictureKind PictureKindFromMime(std::string_view mime) {

@@ -95,6 +95,9 @@ inline std::span<const uint8_t> AsBytes(std::string_view text) {
 /// when there are no digits.
 int32_t ParseLeadingInt(std::string_view text);
 
+/// True when the text is well-formed UTF-8 (a fast check for tag texts).
+bool IsUtf8(std::string_view text);
+
 /// Text of a tag that should be UTF-8: with `strict`, malformed sequences are
 /// replaced; otherwise text that is not valid UTF-8 is taken as Windows-1252.
 std::string TagTextToUtf8(std::string_view text, bool strict);

@@ -71,6 +71,8 @@ TEST(MediaFile, ReadsTheFixtures) {
       {"cbr-noxing.mp3", "id3v2", "MP3", "", "", "", -1, PictureKind::kNone},
       {"vbr-id3v24.mp3", "id3v2", "MP3", "Vbr Tïtle", "Ärtist", "Vbr Album", 9, PictureKind::kPng},
       {"mpeg25-id3v23.mp3", "id3v2", "MP3", "Acht kHz", "Ωmega", "", -1, PictureKind::kNone},
+      {"tagged.wma", "asf", "WMA", "Wma Title", "Wma Artist", "Wma Album", 5, PictureKind::kNone},
+      {"tagged.wav", "riff", "WAV", "Wave Title", "Wave Artist", "", -1, PictureKind::kNone},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.file);
@@ -117,6 +119,14 @@ TEST(MediaFile, ReadsTheFieldsTaggersWrite) {
   EXPECT_EQ(mp3.tags.label, "Pub Label");
   // id3v2 gives its first comment the description "ID3v1 Comment".
   EXPECT_EQ(mp3.tags.comment, "ID3v1 Comment:\r\nfirst note\r\n\r\nsecond note");
+
+  MediaFileInfo wma;
+  ASSERT_EQ(ReadMediaFile(kData / "tagged.wma", wma), kOk);
+  EXPECT_EQ(wma.tags.year, "2003");
+  EXPECT_EQ(wma.tags.genre, "Rock");
+  EXPECT_EQ(wma.tags.comment, "Wma comment");
+  EXPECT_EQ(wma.tags.discNumber, 1);
+  EXPECT_EQ(wma.tags.bitrateKbps, 32);
 
   MediaFileInfo v24;
   ASSERT_EQ(ReadMediaFile(kData / "vbr-id3v24.mp3", v24), kOk);

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "dischive/tag_readers.h"
+#include "dischive/text.h"
 #include "support/temp_dir.h"
 
 namespace dischive {
@@ -101,6 +102,29 @@ TEST(VorbisComment, ConvertsOrKeepsLegacyText) {
   EXPECT_EQ(lenient.title, "Caf\xC3\xA9");     // read as Windows-1252
   MapVorbisField("ARTIST=\xC3\x85sa", lenient, false);
   EXPECT_EQ(lenient.artist, "\xC3\x85sa");
+}
+
+TEST(VorbisComment, AgreesWithTheLibraryOnWhatIsUtf8) {
+  // The readers' fast check against the library's own validator.
+  const std::vector<std::string> texts = {"",
+                                          "plain ascii text longer than eight",
+                                          "\xC3\xA9t\xC3\xA9",
+                                          "\xE2\x82\xAC",
+                                          "\xF0\x9F\x8E\xB5",
+                                          "\xC0\xAF",
+                                          "\xE0\x80\xAF",
+                                          "\xED\xA0\x80",
+                                          "\xF4\x90\x80\x80",
+                                          "\xF5\x80\x80\x80",
+                                          "\xC3",
+                                          "abcdefgh\xE2\x82",
+                                          "\x80",
+                                          "12345678\xFF"};
+  for (const std::string& text : texts) {
+    MediaFileTags tags;
+    MapVorbisField("TITLE=x" + text, tags, false);
+    EXPECT_EQ(tags.title, IsValidUtf8("x" + text) ? "x" + text : Cp1252ToUtf8("x" + text)) << text;
+  }
 }
 
 TEST(VorbisComment, StopsAtLengthsOutsideTheBlock) {

@@ -78,13 +78,24 @@ void PrintText(const std::string& file, const MediaFileInfo& info) {
   for (const auto& [key, member] : TextFields()) {
     const std::string& value = t.*member;
     if (value.empty()) continue;
-    // Multi-line values (comments, lyrics) are indented under their key.
+    // Multi-line values (comments, lyrics) are indented under their key;
+    // very long ones are cut (--json shows them whole).
+    constexpr size_t kMaxShown = 300;
+    const bool cut = value.size() > kMaxShown;
+    std::string_view part(value);
+    if (cut) {
+      size_t end = kMaxShown;
+      while (end > 0 && (static_cast<uint8_t>(value[end]) & 0xC0) == 0x80)
+        --end;
+      part = part.substr(0, end);
+    }
     std::string shown;
-    for (char c : value) {
+    for (char c : part) {
       if (c == '\r') continue;
       shown += c;
       if (c == '\n') shown += "    ";
     }
+    if (cut) shown += fmt::format("... ({} bytes)", value.size());
     std::cout << "  " << key << ": " << shown << '\n';
   }
   if (t.trackNumber != -1) std::cout << "  trackNumber: " << t.trackNumber << '\n';

@@ -1,0 +1,178 @@
+// ASF (WMA) header objects and RIFF/WAVE chunks.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "dischive/tag_readers.h"
+#include "dischive/text.h"
+
+namespace dischive {
+namespace {
+
+std::string Le16(uint32_t v) {
+  return {static_cast<char>(v), static_cast<char>(v >> 8)};
+}
+std::string Le32(uint32_t v) {
+  return Le16(v) + Le16(v >> 16);
+}
+std::string Le64(uint64_t v) {
+  return Le32(static_cast<uint32_t>(v)) + Le32(static_cast<uint32_t>(v >> 32));
+}
+std::string Guid(std::initializer_list<int> bytes) {
+  std::string g;
+  for (int b : bytes)
+    g += static_cast<char>(b);
+  return g;
+}
+const std::string kHeader = Guid({0x30, 0x26, 0xB2, 0x75, 0x8E, 0x66, 0xCF, 0x11, 0xA6, 0xD9, 0x00,
+                                  0xAA, 0x00, 0x62, 0xCE, 0x6C});
+const std::string kFileProperties = Guid({0xA1, 0xDC, 0xAB, 0x8C, 0x47, 0xA9, 0xCF, 0x11, 0x8E,
+                                          0xE4, 0x00, 0xC0, 0x0C, 0x20, 0x53, 0x65});
+const std::string kExtended = Guid({0x40, 0xA4, 0xD0, 0xD2, 0x07, 0xE3, 0xD2, 0x11, 0x97, 0xF0,
+                                    0x00, 0xA0, 0xC9, 0x5E, 0xA8, 0x50});
+
+std::string Object(const std::string& guid, const std::string& body) {
+  return guid + Le64(24 + body.size()) + body;
+}
+
+std::string FileProperties(uint64_t play_duration, uint64_t preroll_ms, uint32_t bitrate) {
+  return Object(kFileProperties, std::string(40, '\0') + Le64(play_duration) + Le64(0) +
+                                     Le64(preroll_ms) + std::string(12, '\0') + Le32(bitrate));
+}
+
+std::string Wide(const std::string& text) {
+  return Utf8ToUtf16Bytes(text, ByteOrder::kLittleEndian, false) + std::string(2, '\0');
+}
+
+std::string Attribute(const std::string& name, uint32_t type, const std::string& value) {
+  const std::string n = Wide(name);
+  return Le16(static_cast<uint32_t>(n.size())) + n + Le16(type) +
+         Le16(static_cast<uint32_t>(value.size())) + value;
+}
+
+std::string Asf(const std::vector<std::string>& objects) {
+  std::string body;
+  for (const std::string& o : objects)
+    body += o;
+  return kHeader + Le64(30 + body.size()) + Le32(static_cast<uint32_t>(objects.size())) +
+         std::string("\x01\x02", 2) + body;
+}
+
+TEST(Asf, TruncatesTheDurationToWholeTwentyFifths) {
+  struct Case {
+    uint64_t duration;  // 100 ns units, without preroll
+    int32_t frames;
+  };
+  const Case cases[] = {{399999, 0}, {400000, 3}, {799999, 3}, {10240000, 75}, {0, 0}};
+  for (const Case& c : cases) {
+    // The preroll (3.1 s, as ffmpeg writes it) is not playing time.
+    const std::string file = Asf({FileProperties(c.duration + 31000000, 3100, 128000)});
+    MemorySource source(file);
+    MediaFileTags tags;
+    ASSERT_TRUE(ReadWmaInfo(source, tags, nullptr));
+    EXPECT_EQ(tags.durationFrames, c.frames) << c.duration;
+    EXPECT_EQ(tags.bitrateKbps, 128);
+    EXPECT_EQ(tags.formatName, "WMA");
+  }
+  // A preroll longer than the play duration gives 0, not a wrapped value.
+  const std::string file = Asf({FileProperties(1000, 5000, 0)});
+  MemorySource source(file);
+  MediaFileTags tags;
+  ASSERT_TRUE(ReadWmaInfo(source, tags, nullptr));
+  EXPECT_EQ(tags.durationFrames, 0);
+}
+
+TEST(Asf, MapsTheAttributes) {
+  const std::string dword3 = Le32(3);
+  const std::string picture =
+      std::string(1, '\x03') + Le32(4) + Wide("image/png") + Wide("") + "PNG!";
+  const std::string ext =
+      Le16(8) + Attribute("WM/AlbumTitle", 0, Wide("Album")) +
+      Attribute("WM/Year", 0, Wide("1998")) + Attribute("WM/Genre", 0, Wide("Jazz")) +
+      Attribute("WM/Track", 3, dword3) + Attribute("Author", 0, Wide("Ärtist")) +
+      Attribute("WM/Picture", 1, picture) + Attribute("WM/Unknown", 0, Wide("x")) +
+      Attribute("WM/Composer", 0, Wide("Comp"));
+  const std::string file = Asf({FileProperties(0, 0, 0), Object(kExtended, ext)});
+  MemorySource source(file);
+  MediaFileTags tags;
+  CoverPicture cover;
+  ASSERT_TRUE(ReadWmaInfo(source, tags, &cover));
+  EXPECT_EQ(tags.album, "Album");
+  EXPECT_EQ(tags.year, "1998");
+  EXPECT_EQ(tags.genre, "Jazz");
+  EXPECT_EQ(tags.trackNumber, 4);  // zero-based
+  EXPECT_EQ(tags.artist, "Ärtist");
+  EXPECT_EQ(tags.composer, "Comp");
+  EXPECT_EQ(cover.data, "PNG!");
+  EXPECT_EQ(cover.kind, PictureKind::kPng);
+
+  // A missing attribute leaves its field as it was; a broken list stops.
+  MediaFileTags kept;
+  kept.title = "before";
+  std::string broken = Le16(2) + Attribute("WM/Genre", 0, Wide("Pop"));
+  broken += Le16(200) + "short";
+  const std::string broken_file = Asf({FileProperties(0, 0, 0), Object(kExtended, broken)});
+  MemorySource b(broken_file);
+  ASSERT_TRUE(ReadWmaInfo(b, kept, nullptr));
+  EXPECT_EQ(kept.title, "before");
+  EXPECT_EQ(kept.genre, "Pop");
+
+  // No file properties, or a header larger than the file: not taken.
+  MediaFileTags none;
+  const std::string bare = Asf({Object(kExtended, Le16(0))});
+  MemorySource c(bare);
+  EXPECT_FALSE(ReadWmaInfo(c, none, nullptr));
+  std::string oversized = Asf({FileProperties(0, 0, 0)});
+  oversized.replace(16, 8, Le64(1u << 24));
+  MemorySource d(oversized);
+  EXPECT_FALSE(ReadWmaInfo(d, none, nullptr));
+  EXPECT_EQ(none, MediaFileTags{});
+}
+
+std::string Chunk(const std::string& id, const std::string& data) {
+  std::string c = id + Le32(static_cast<uint32_t>(data.size())) + data;
+  if (data.size() % 2 != 0) c += '\0';
+  return c;
+}
+
+std::string Wave(const std::string& chunks) {
+  return "RIFF" + Le32(static_cast<uint32_t>(4 + chunks.size())) + "WAVE" + chunks;
+}
+
+// 16-bit stereo at 44.1 kHz: 176,400 bytes a second.
+const std::string kFmt =
+    Chunk("fmt ", Le16(1) + Le16(2) + Le32(44100) + Le32(176400) + Le16(4) + Le16(16));
+
+TEST(RiffWave, TimesTheDataChunk) {
+  struct Case {
+    const char* name;
+    std::string file;
+    bool taken;
+    int32_t frames;
+    const char* title;
+  };
+  const std::string second(176400, '\0');
+  const std::string info = Chunk("LIST", "INFO" + Chunk("INAM", "Odd") + Chunk("IART", "Art!"));
+  const Case cases[] = {
+      {"plain", Wave(kFmt + Chunk("data", second)), true, 75, ""},
+      {"odd chunk before fmt", Wave(Chunk("junk", "abc") + kFmt + Chunk("data", second)), true, 75,
+       ""},
+      {"info with a pad byte", Wave(kFmt + info + Chunk("data", second)), true, 75, "Odd"},
+      {"info after data", Wave(kFmt + Chunk("data", second) + info), true, 75, "Odd"},
+      {"data size beyond the file", Wave(kFmt + "data" + Le32(0xFFFFFFFF) + second), true, 75, ""},
+      {"no fmt", Wave(Chunk("data", second)), false, 0, ""},
+      {"zero byte rate", Wave(Chunk("fmt ", std::string(16, '\0')) + Chunk("data", second)), true,
+       0, ""},
+      {"not wave", "RIFF" + Le32(4) + "AVI " + kFmt, false, 0, ""},
+  };
+  for (const Case& c : cases) {
+    MemorySource source(c.file);
+    MediaFileTags tags;
+    EXPECT_EQ(ReadRiffWaveInfo(source, tags), c.taken) << c.name;
+    EXPECT_EQ(tags.durationFrames, c.frames) << c.name;
+    EXPECT_EQ(tags.title, c.title) << c.name;
+  }
+}
+
+}  // namespace
+}  // namespace dischive
