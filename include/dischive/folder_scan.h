@@ -122,6 +122,8 @@ class ScanLog {
 
   bool is_open() const;
   void Write(std::string_view line);
+  /// Hands the lines written so far to the file.
+  void Flush();
 
  private:
   struct File;

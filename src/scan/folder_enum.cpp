@@ -140,6 +140,10 @@ void ScanLog::Write(std::string_view line) {
   std::fputc('\n', file_->file);
 }
 
+void ScanLog::Flush() {
+  if (file_ != nullptr && file_->file != nullptr) std::fflush(file_->file);
+}
+
 // Enumeration --------------------------------------------------------------
 
 bool EnumerateFolder(const fs::path& folder, const std::vector<std::string>& extensions,

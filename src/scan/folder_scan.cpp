@@ -614,6 +614,9 @@ LibraryScanSummary ScanLibrary(FolderScanner& scanner, const std::vector<fs::pat
         batch_start = std::chrono::steady_clock::now();
       }
     }
+    // A folder's lines reach the log before the next folder starts, so that
+    // the log of an interrupted scan ends where the scan stopped.
+    if (scanner.options().log != nullptr) scanner.options().log->Flush();
     if (on_folder) on_folder(folder, r);
     switch (r.outcome) {
       case FolderOutcome::kNoFiles:

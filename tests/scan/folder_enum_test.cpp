@@ -108,6 +108,29 @@ TEST(FolderEnumerationTest, StampNoticesSizeTimeAndSideFiles) {
   EXPECT_NE(stamp(), resized);
 }
 
+TEST(FolderEnumerationTest, LinksAndSubfolders) {
+  TempDir dir;
+  WriteFile(dir / "store" / "real.mp3", "12345");
+  WriteFile(dir / "lib" / "b" / "x.mp3", "x");
+  WriteFile(dir / "lib" / "A" / "y.mp3", "y");
+  WriteFile(dir / "lib" / ".hidden" / "z.mp3", "z");
+  fs::create_directories(dir / "lib" / "a" / "inner");
+  fs::create_symlink(dir / "store" / "real.mp3", dir / "lib" / "b" / "linked.mp3");
+  fs::create_symlink(dir / "nowhere.mp3", dir / "lib" / "b" / "broken.mp3");
+  fs::create_directory_symlink(dir / "store", dir / "lib" / "store-link");
+  fs::create_directory_symlink(dir / "lib", dir / "lib" / "a" / "loop");
+
+  FolderListing listing;
+  ASSERT_TRUE(EnumerateFolder(dir / "lib" / "b", {"mp3"}, listing));
+  EXPECT_EQ(Names(listing), (std::vector<std::string>{"linked.mp3", "x.mp3"}));
+  EXPECT_EQ(listing.byte_total, 6u) << "a linked file counts with its target's size";
+
+  EXPECT_EQ(CollectFolders(dir / "lib"),
+            (std::vector<fs::path>{dir / "lib", dir / "lib" / "A", dir / "lib" / "a",
+                                   dir / "lib" / "a" / "inner", dir / "lib" / "b"}))
+      << "hidden folders and links to folders are left out";
+}
+
 TEST(FolderEnumerationTest, RecordIdFormula) {
   struct Case {
     std::vector<uint64_t> sizes;

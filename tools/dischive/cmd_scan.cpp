@@ -155,9 +155,11 @@ void SetupScan(CLI::App& app, Context& context) {
                  "Like --force, and replace stored albums instead of updating them");
   scan->add_option("--log", args.log_path,
                    "Scan log file (default: Settings.ScanLogFile, else rikranan.log beside the "
-                   "database)");
+                   "database)")
+      ->type_name("PATH");
   scan->add_flag("--no-log", args.no_log, "Write no scan log");
-  scan->add_option("--section", args.section, "dischive.ini section to read besides [ScanOptions]");
+  scan->add_option("--section", args.section, "dischive.ini section to read besides [ScanOptions]")
+      ->type_name("NAME");
   scan->callback([&context] { context.action = [&context] { return RunScan(context, args); }; });
 }
 
