@@ -262,6 +262,8 @@ class FolderScanner {
 
  private:
   void Log(std::string_view line);
+  // The folder a scanned volume was read from ("" when not known).
+  std::string VolumeFolder(uint32_t record_id);
 
   CatalogEngine& catalog_;
   FolderScanOptions options_;

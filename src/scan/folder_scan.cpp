@@ -190,6 +190,12 @@ FolderScanner::FolderScanner(CatalogEngine& catalog, FolderScanOptions options)
 
 FolderScanner::~FolderScanner() = default;
 
+std::string FolderScanner::VolumeFolder(uint32_t record_id) {
+  const auto owner = catalog_.GetVolumeProperty(record_id, field::kScanFolder, 0);
+  return owner && std::holds_alternative<std::string>(*owner) ? std::get<std::string>(*owner)
+                                                              : std::string();
+}
+
 void FolderScanner::Log(std::string_view line) {
   if (options_.log != nullptr) options_.log->Write(line);
 }
@@ -246,8 +252,14 @@ FolderScanResult FolderScanner::ScanFiles(const fs::path& folder, const FolderLi
     } else {
       if (const auto remembered = catalog_.GetDatabaseProperty(kFolderIdGroup, key)) {
         if (const auto parsed = ParseRecordId(*remembered)) {
+          // Only while the record still belongs to this folder: a deleted
+          // album's id may since have gone to another folder.
           album_id = catalog_.FindAlbumOfVolume(*parsed);
-          if (album_id) id = *parsed;
+          if (album_id && VolumeFolder(*parsed) == key) {
+            id = *parsed;
+          } else {
+            album_id.reset();
+          }
         }
       }
       if (!album_id) {
@@ -258,10 +270,7 @@ FolderScanResult FolderScanner::ScanFiles(const fs::path& folder, const FolderLi
         for (int attempt = 0; attempt < 255; ++attempt) {
           album_id = catalog_.FindAlbumOfVolume(id);
           if (!album_id) break;
-          const auto owner = catalog_.GetVolumeProperty(id, field::kScanFolder, 0);
-          const std::string owner_path = owner && std::holds_alternative<std::string>(*owner)
-                                             ? std::get<std::string>(*owner)
-                                             : std::string();
+          const std::string owner_path = VolumeFolder(id);
           std::error_code ec;
           if (owner_path.empty() || owner_path == key || !fs::is_directory(owner_path, ec)) break;
           id = (((id >> 24) + 1) % 255) << 24 | (id & 0x00FFFFFF);

@@ -301,6 +301,27 @@ TEST_F(FolderScanTest, ArtistsCompilationsCommentsAndFallbacks) {
   }
 }
 
+TEST_F(FolderScanTest, FoldersWithTheSameSizesKeepTheirOwnRecords) {
+  const std::string bytes = Mp3({"Same", "Twin", "Twins", ""});
+  WriteFile(dir_ / "P" / "1.mp3", bytes);
+  WriteFile(dir_ / "Q" / "1.mp3", bytes);
+  const FolderScanResult p = Scan(dir_ / "P");
+  const FolderScanResult q = Scan(dir_ / "Q");
+  ASSERT_EQ(p.outcome, FolderOutcome::kAdded) << p.message;
+  ASSERT_EQ(q.outcome, FolderOutcome::kAdded) << q.message;
+  EXPECT_EQ(q.record_id & 0x00FFFFFF, p.record_id & 0x00FFFFFF);
+  EXPECT_EQ(q.record_id >> 24, ((p.record_id >> 24) + 1) % 255) << "the next checksum byte";
+  EXPECT_EQ(Scan(dir_ / "P").outcome, FolderOutcome::kUnchanged);
+  EXPECT_EQ(Scan(dir_ / "Q").outcome, FolderOutcome::kUnchanged);
+
+  // P's album deleted: P is scanned anew and never takes over Q's record.
+  ASSERT_EQ(catalog_->DeleteAlbum(p.album_id), kOk);
+  const FolderScanResult again = Scan(dir_ / "P");
+  EXPECT_EQ(again.outcome, FolderOutcome::kAdded);
+  EXPECT_NE(again.album_id, q.album_id);
+  EXPECT_EQ(catalog_->AlbumCount(), 2u);
+}
+
 TEST_F(FolderScanTest, CoverPictureOfTheFolder) {
   const fs::path folder = dir_ / "Covered";
   WriteFile(folder / "1.mp3", Mp3({"a", "A", "Covered", ""}));
@@ -331,6 +352,9 @@ TEST_F(FolderScanTest, LibraryFoldersFlagsAndLibraryScan) {
   EXPECT_EQ(LoadScanFlags(*catalog_, settings), 77u);
   ASSERT_EQ(SaveScanFlags(*catalog_, 0x80000099u), kOk);
   EXPECT_EQ(LoadScanFlags(*catalog_, settings), 0x80000099u);
+  EXPECT_EQ(LoadDefaultCharset(*catalog_), 0);
+  ASSERT_EQ(SaveDefaultCharset(*catalog_, 238), kOk);
+  EXPECT_EQ(LoadDefaultCharset(*catalog_), 238);
 
   // A library scan: a failing folder does not stop the others.
   WriteFile(dir_ / "lib" / "A - One" / "1.mp3", Mp3({"x", "A", "One", ""}));
