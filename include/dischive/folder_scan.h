@@ -190,6 +190,10 @@ PathInference InferFromPath(const std::filesystem::path& folder,
                             const std::filesystem::path& root = {}, size_t limit = 30,
                             bool underscores = false);
 
+/// A file or folder name as text: as it stands when it is UTF-8, else read as
+/// Windows-1252 (names written by older systems).
+std::string NameText(std::string_view name);
+
 /// The number N when `title` is "Track" (any case), an optional blank and
 /// nothing but digits; nullopt otherwise.
 std::optional<int32_t> TrackNumberFromTitle(std::string_view title);

@@ -18,6 +18,7 @@ size_t CharacterCount(std::string_view text) {
 }
 
 std::string CleanName(std::string name, bool underscores) {
+  name = NameText(name);
   if (underscores) std::replace(name.begin(), name.end(), '_', ' ');
   return std::string(TrimBlanks(name));
 }
@@ -30,6 +31,10 @@ fs::path Normal(const fs::path& path) {
 }
 
 }  // namespace
+
+std::string NameText(std::string_view name) {
+  return IsValidUtf8(name) ? std::string(name) : Cp1252ToUtf8(name);
+}
 
 PathInference InferFromPath(const fs::path& folder, const fs::path& root, size_t limit,
                             bool underscores) {

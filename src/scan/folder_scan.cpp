@@ -86,7 +86,7 @@ std::string FolderKey(const fs::path& folder) {
 // ".").
 std::string TitleFromFileName(const std::string& name, bool underscores) {
   const size_t dot = name.rfind('.');
-  std::string title = dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
+  std::string title = NameText(dot == std::string::npos || dot == 0 ? name : name.substr(0, dot));
   if (underscores) std::replace(title.begin(), title.end(), '_', ' ');
   return std::string(TrimBlanks(title));
 }

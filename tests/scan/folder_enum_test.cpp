@@ -206,6 +206,11 @@ TEST(AlbumInferenceTest, ArtistAndTitleFromThePath) {
       {"/music/Thirty Characters Exactly Here/Album", "/music", false,
        "Thirty Characters Exactly Here", "Album"},
       {"/music/ - Title Only", "/music", false, "", "- Title Only"},
+      {"/music/Bj\xF6rk/D\xE9"
+       "but",
+       "/music", false, "Bj\xC3\xB6rk",
+       "D\xC3\xA9"
+       "but"},
   };
   for (const Case& c : cases) {
     const PathInference got = InferFromPath(c.folder, c.root, 30, c.underscores);

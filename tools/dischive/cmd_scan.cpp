@@ -9,6 +9,7 @@
 #include "catalog_cli.h"
 #include "cli.h"
 #include "dischive/folder_scan.h"
+#include "dischive/text.h"
 #include "progress.h"
 
 namespace dischive::cli {
@@ -117,8 +118,9 @@ int RunScan(const Context& context, const ScanArgs& args) {
   if (context.json) {
     Json failures = Json::array();
     for (const auto& [folder, message] : summary.failures)
-      failures.push_back(Json{{"folder", folder.string()}, {"message", message}});
-    PrintJson(Json{{"database", catalog->path().string()},
+      failures.push_back(
+          Json{{"folder", SanitizeUtf8(folder.string())}, {"message", SanitizeUtf8(message)}});
+    PrintJson(Json{{"database", SanitizeUtf8(catalog->path().string())},
                    {"folders", summary.folders},
                    {"files", summary.files},
                    {"added", summary.added},
@@ -129,7 +131,7 @@ int RunScan(const Context& context, const ScanArgs& args) {
                    {"failed", summary.failed},
                    {"failures", failures},
                    {"seconds", seconds},
-                   {"log", log_path.string()}});
+                   {"log", SanitizeUtf8(log_path.string())}});
   } else {
     std::cout << fmt::format(
         "Scanned {} folders ({} files) in {:.1f} s: {} added, {} updated, {} skipped, "
@@ -222,7 +224,7 @@ void SetupLibrary(CLI::App& app, Context& context) {
       if (context.json) {
         Json out = Json::array();
         for (const LibraryFolder& f : folders)
-          out.push_back(Json{{"path", f.path}, {"number", f.number}});
+          out.push_back(Json{{"path", SanitizeUtf8(f.path)}, {"number", f.number}});
         PrintJson(out);
       } else {
         for (const LibraryFolder& f : folders)
