@@ -27,6 +27,7 @@ namespace fs = std::filesystem;
 struct Corpus {
   dischive::bench::ScratchDir dir{"tags"};
   std::vector<std::string> files;
+  std::vector<fs::path> paths;  // as a folder walk hands them to the scanner
 
   Corpus() {
     std::vector<fs::path> fixtures;
@@ -44,6 +45,7 @@ struct Corpus {
       const fs::path target = folder / ("track" + std::to_string(i) + source.extension().string());
       fs::copy_file(source, target);
       files.push_back(target.string());
+      paths.push_back(target);
     }
   }
 };
@@ -75,7 +77,7 @@ void Readers(benchmark::State& state) {
   int64_t frames = 0;
   size_t failures = 0;
   for (auto _ : state) {
-    for (const std::string& file : corpus.files) {
+    for (const fs::path& file : corpus.paths) {
       dischive::MediaFileInfo info;
       if (dischive::ReadMediaFile(file, info) != dischive::kOk) ++failures;
       frames += info.tags.durationFrames + static_cast<int64_t>(info.tags.title.size());

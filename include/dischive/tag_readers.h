@@ -74,7 +74,7 @@ class FileSource final : public ByteSource {
   int64_t Size() override;
 
  private:
-  static constexpr size_t kWindowSize = 16384;
+  static constexpr size_t kWindowSize = 8192;
   explicit FileSource(std::unique_ptr<platform::ReadOnlyFile> file);
 
   std::unique_ptr<platform::ReadOnlyFile> file_;
@@ -82,7 +82,7 @@ class FileSource final : public ByteSource {
   int64_t size_ = -2;         // -2 not known yet
   int64_t window_start_ = 0;  // file offset of window_[0]
   size_t window_len_ = 0;
-  std::unique_ptr<uint8_t[]> window_;
+  uint8_t window_[kWindowSize];
 };
 
 /// A cover picture taken from a tag.

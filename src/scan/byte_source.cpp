@@ -31,8 +31,7 @@ std::unique_ptr<FileSource> FileSource::Open(const std::filesystem::path& path, 
   return std::unique_ptr<FileSource>(new FileSource(std::move(file)));
 }
 
-FileSource::FileSource(std::unique_ptr<platform::ReadOnlyFile> file)
-    : file_(std::move(file)), window_(new uint8_t[kWindowSize]) {}
+FileSource::FileSource(std::unique_ptr<platform::ReadOnlyFile> file) : file_(std::move(file)) {}
 
 FileSource::~FileSource() = default;
 
@@ -43,7 +42,7 @@ size_t FileSource::Read(void* buffer, size_t count) {
     if (pos_ >= window_start_ && pos_ - window_start_ < static_cast<int64_t>(window_len_)) {
       const size_t offset = static_cast<size_t>(pos_ - window_start_);
       const size_t n = std::min(count, window_len_ - offset);
-      std::memcpy(out, window_.get() + offset, n);
+      std::memcpy(out, window_ + offset, n);
       out += n;
       count -= n;
       total += n;
@@ -58,7 +57,7 @@ size_t FileSource::Read(void* buffer, size_t count) {
       pos_ += n;
       return total + static_cast<size_t>(n);
     }
-    const int64_t n = file_->ReadAt(pos_, window_.get(), kWindowSize);
+    const int64_t n = file_->ReadAt(pos_, window_, kWindowSize);
     window_start_ = pos_;
     window_len_ = n > 0 ? static_cast<size_t>(n) : 0;
     // A short read ends at the end of the file: its size is known for free.

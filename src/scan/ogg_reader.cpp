@@ -69,6 +69,32 @@ bool ReadHeaderPackets(ByteSource& file, std::string& ident, std::string& commen
   return packet >= 2;
 }
 
+constexpr size_t kNotFound = static_cast<size_t>(-1);
+
+// The last offset below `end` where "OggS" starts, or kNotFound. Looks at
+// eight bytes at a time for an 'O': the tail of a file is mostly audio.
+size_t FindCaptureBackwards(const uint8_t* bytes, size_t end) {
+  constexpr uint64_t kOnes = 0x0101010101010101u;
+  constexpr uint64_t kHighs = 0x8080808080808080u;
+  while (end > 0) {
+    if (end >= 8) {
+      uint64_t word;
+      std::memcpy(&word, bytes + end - 8, 8);
+      const uint64_t x = word ^ (kOnes * 'O');
+      if (((x - kOnes) & ~x & kHighs) == 0) {  // no 'O' in these eight bytes
+        end -= 8;
+        continue;
+      }
+    }
+    const size_t stop = end >= 8 ? end - 8 : 0;
+    for (size_t pos = end; pos-- > stop;) {
+      if (bytes[pos] == 'O' && std::memcmp(bytes + pos, "OggS", 4) == 0) return pos;
+    }
+    end = stop;
+  }
+  return kNotFound;
+}
+
 // The granule position of the stream's last page, searched backwards in the
 // file's tail; -1 when none is found.
 int64_t LastGranule(ByteSource& file, uint32_t serial) {
@@ -82,11 +108,9 @@ int64_t LastGranule(ByteSource& file, uint32_t serial) {
         file.Read(buffer.data(), buffer.size()) != buffer.size()) {
       return -1;
     }
-    // Backwards over the tail for "OggS" (a plain byte loop: the library's
-    // rfind compares at every position).
     const auto* bytes = reinterpret_cast<const uint8_t*>(buffer.data());
-    for (size_t pos = buffer.size() - kPageHeaderSize + 1; pos-- > 0;) {
-      if (bytes[pos] != 'O' || std::memcmp(bytes + pos, "OggS", 4) != 0) continue;
+    for (size_t pos = buffer.size() - kPageHeaderSize + 1;
+         (pos = FindCaptureBackwards(bytes, pos)) != kNotFound;) {
       const uint8_t* p = bytes + pos;
       if (detail::Le32(p + 14) != serial) continue;
       const uint64_t granule = detail::Le64(p + 6);
@@ -133,19 +157,24 @@ bool ReadCommentBody(ByteSource& in, MediaFileTags& tags) {
 }  // namespace
 
 bool ReadOggVorbisInfo(ByteSource& file, MediaFileTags& tags, bool want_tags) {
-  std::string head(kSearchSize, '\0');
+  // The header packets from the pages when the file is well formed; else
+  // the comment marker searched in the first 4096 bytes, read on from there.
+  char capture[4];
   if (!file.Seek(0, SeekFrom::kStart)) return false;
-  head.resize(file.Read(head.data(), head.size()));
-  const size_t marker = head.find(kCommentMarker);
-  const bool paged = head.compare(0, 4, "OggS") == 0;
-  if (!paged && marker == std::string::npos) return false;
-
+  const bool paged = file.Read(capture, 4) == 4 && std::memcmp(capture, "OggS", 4) == 0;
   std::string ident, comment;
   uint32_t serial = 0;
   const bool packets = paged && ReadHeaderPackets(file, ident, comment, serial);
   const bool vorbis = packets && ident.compare(0, kIdentMarker.size(), kIdentMarker) == 0 &&
                       comment.compare(0, kCommentMarker.size(), kCommentMarker) == 0;
-  if (!vorbis && marker == std::string::npos) return false;  // Ogg, but not Vorbis
+  size_t marker = std::string::npos;
+  if (!vorbis) {
+    std::string head(kSearchSize, '\0');
+    if (!file.Seek(0, SeekFrom::kStart)) return false;
+    head.resize(file.Read(head.data(), head.size()));
+    marker = head.find(kCommentMarker);
+    if (marker == std::string::npos) return false;  // not Vorbis
+  }
 
   MediaFileTags result = tags;
   result.formatName = "OGG";
@@ -171,7 +200,6 @@ bool ReadOggVorbisInfo(ByteSource& file, MediaFileTags& tags, bool want_tags) {
     return true;
   }
 
-  if (marker == std::string::npos && !vorbis) return false;
   bool parsed = false;
   if (vorbis) {
     // The packet reassembled from its pages: page headers inside a long
@@ -183,7 +211,6 @@ bool ReadOggVorbisInfo(ByteSource& file, MediaFileTags& tags, bool want_tags) {
     parsed = file.Seek(static_cast<int64_t>(marker + kCommentMarker.size()), SeekFrom::kStart) &&
              ReadCommentBody(file, result);
   }
-  if (!parsed && marker == std::string::npos) return false;
   if (!parsed) {
     // A discarded header still leaves a recognised Ogg Vorbis file.
     MediaFileTags info_only = tags;

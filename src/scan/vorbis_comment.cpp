@@ -71,9 +71,17 @@ void MapVorbisField(std::string_view comment, MediaFileTags& tags, bool convert)
   const std::string value(TrimBlanks(std::string_view(text).substr(eq + 1)));
   if (value.empty()) return;
 
+  // Upper-case the name once (no name of the table is longer than 12).
+  char upper[12];
+  if (name.size() > sizeof upper) return;
+  for (size_t i = 0; i < name.size(); ++i) {
+    const char c = name[i];
+    upper[i] = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+  }
+  const std::string_view key(upper, name.size());
   const FieldRule* rule = nullptr;
   for (const FieldRule& r : kFieldRules) {
-    if (EqualsIgnoreCase(r.name, name)) {
+    if (r.name == key) {
       rule = &r;
       break;
     }

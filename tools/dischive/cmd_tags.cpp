@@ -156,9 +156,12 @@ int Run(Context& context, const Options& options) {
 void Setup(CLI::App& app, Context& context) {
   static Options options;
   CLI::App* tags = app.add_subcommand("tags", "Print the tags of music files");
-  tags->add_option("files", options.files, "FLAC, Ogg Vorbis, MP3, WMA or WAV files")->required();
+  tags->add_option("files", options.files, "FLAC, Ogg Vorbis, MP3, WMA or WAV files")
+      ->required()
+      ->type_name("FILE");
   tags->add_option("--picture", options.picture_out,
-                   "Save the cover picture to OUT (OUT-1, OUT-2, ... for several files)");
+                   "Save the cover picture to OUT (OUT-1, OUT-2, ... for several files)")
+      ->type_name("OUT");
   tags->callback([&context] { context.action = [&context] { return Run(context, options); }; });
 }
 
