@@ -131,9 +131,14 @@ struct ArtistEntry {
 enum class WriteMode {
   kReplace,  ///< the stored album becomes exactly the given one (properties,
              ///< volumes and tracks not given are removed)
-  kMerge,    ///< given properties are set, others kept; volumes and tracks are
-             ///< matched by record id and number, missing ones kept
+  kMerge,    ///< given properties are set, others kept; a name list (artists,
+             ///< composers, a credit list, the line-up) given non-empty replaces
+             ///< the stored one; volumes and tracks are matched by record id and
+             ///< number (a volume's title, lengths and times are taken when
+             ///< non-empty or non-zero), new ones appended, missing ones kept
 };
+// In both modes a kept volume keeps its cover; a volume the album no longer
+// holds is removed with its cover.
 
 /// The keys of the ten user-editable value lists and their option texts.
 inline constexpr const char* kUserListKeys[] = {
@@ -147,6 +152,7 @@ struct CatalogCounts {
   size_t tracks = 0;
   size_t covers = 0;
   size_t artists = 0;
+  bool operator==(const CatalogCounts&) const = default;
 };
 
 class CatalogEngine {
@@ -160,11 +166,25 @@ class CatalogEngine {
 
   /// Number of album groups.
   virtual size_t AlbumCount() = 0;
-  /// Numbers of albums, volumes, tracks, covers and artist entries.
-  virtual CatalogCounts Counts() = 0;
-  /// Visits every album in a stable order (by identifier), one at a time so
-  /// that memory does not grow with the catalogue; stops when `visit` returns
-  /// false. Returns 0 or a failure code.
+  /// Numbers of albums, volumes, tracks, covers and artist entries. The
+  /// default walks the catalogue; engines answer from their indexes.
+  virtual CatalogCounts Counts() {
+    CatalogCounts counts;
+    ForEachAlbum([&](const AlbumRecord& album) {
+      ++counts.albums;
+      for (const VolumeRecord& v : album.volumes) {
+        ++counts.volumes;
+        counts.tracks += v.tracks.size();
+        if (ReadCover(v.record_id)) ++counts.covers;
+      }
+      return true;
+    });
+    counts.artists = Artists().size();
+    return counts;
+  }
+  /// Visits every album in a stable order (the order in which the albums were
+  /// first stored), one at a time so that memory does not grow with the
+  /// catalogue; stops when `visit` returns false. Returns 0 or a failure code.
   virtual HResult ForEachAlbum(const std::function<bool(const AlbumRecord&)>& visit) = 0;
   /// One album by identifier.
   virtual std::optional<AlbumRecord> ReadAlbum(std::string_view album_id) = 0;
@@ -173,11 +193,25 @@ class CatalogEngine {
   /// One volume by its record id, with its tracks.
   virtual std::optional<VolumeRecord> ReadVolume(uint32_t record_id) = 0;
   /// Creates (empty id: a new random identifier is assigned and written back)
-  /// or updates an album with its volumes and tracks, in one transaction. The
-  /// modification time is set to now. Returns 0 or a failure code.
+  /// or updates an album with its volumes and tracks, in one transaction. A
+  /// given identifier must be 16 hexadecimal digits (stored in upper case). The
+  /// modification time is set to now. Tracks are stored in number order.
+  /// Returns 0, or kInvalidArgument (see LastErrorText) for a bad identifier, a
+  /// volume given twice or held by another album, or a track number 0 or given
+  /// twice; the catalogue is then unchanged.
   virtual HResult WriteAlbum(AlbumRecord& album, WriteMode mode) = 0;
   /// Removes an album with its volumes, tracks and covers.
   virtual HResult DeleteAlbum(std::string_view album_id) = 0;
+
+  /// Groups the writes that follow into one transaction until CommitBatch, for
+  /// bulk work (imports, library scans): far faster than one transaction per
+  /// album, and other processes see the albums only at the commit. Batches
+  /// nest; a write that fails inside a batch is undone alone. A batch still
+  /// open when the engine is destroyed is committed. See CatalogBatch.
+  /// The defaults commit every write at once (no grouping), which is correct,
+  /// only slower.
+  virtual HResult BeginBatch() { return kOk; }
+  virtual HResult CommitBatch() { return kOk; }
 
   // Single properties of a volume (index 0) or of its track n (index n) ---------
 
@@ -185,7 +219,11 @@ class CatalogEngine {
                                                          uint32_t index) = 0;
   virtual HResult SetVolumeProperty(uint32_t record_id, field::FieldId id, uint32_t index,
                                     const PropertyValue& value) = 0;
-  virtual HResult RemoveVolumeProperty(uint32_t record_id, field::FieldId id, uint32_t index) = 0;
+  /// Removes one property (kFail from an engine that cannot remove properties).
+  virtual HResult RemoveVolumeProperty(uint32_t record_id, field::FieldId id, uint32_t index) {
+    (void)record_id, (void)id, (void)index;
+    return kFail;
+  }
 
   // Covers: the image bytes stored under a volume's "cover" stream ------------
 
@@ -200,8 +238,11 @@ class CatalogEngine {
   virtual uint32_t ArtistsModified() = 0;
   /// Adds or replaces the entry with the same name.
   virtual HResult WriteArtist(const ArtistEntry& artist) = 0;
-  /// Removes the entry with this name (kCatalogNotFound-style code when absent).
-  virtual HResult RemoveArtist(std::string_view name) = 0;
+  /// Removes the entry with this name (1168, ERROR_NOT_FOUND, when absent).
+  virtual HResult RemoveArtist(std::string_view name) {
+    (void)name;
+    return kFail;
+  }
 
   // Database properties by group and key ("db_opts", "medialib") ----------------
 
@@ -212,7 +253,10 @@ class CatalogEngine {
   virtual HResult RemoveDatabaseProperty(std::string_view group, std::string_view key) = 0;
   /// Every property of a group, by key (ascending, without regard to case).
   virtual std::vector<std::pair<std::string, std::string>> DatabaseProperties(
-      std::string_view group) = 0;
+      std::string_view group) {
+    (void)group;
+    return {};
+  }
 
   /// The text of a user list ("\n"-separated entries): the stored one, else the
   /// built-in default for the key.
@@ -230,19 +274,33 @@ class CatalogEngine {
   virtual HResult SuspendWriting() = 0;
   virtual void ResumeWriting() = 0;
 
-  // Batches -----------------------------------------------------------------
-
-  /// Groups the writes that follow, up to the matching EndBatch, into one
-  /// transaction, so that many small writes (a folder scan) commit once.
-  /// Batches nest; a single write that fails inside a batch is undone alone.
-  /// Engines without transactions keep these defaults, which do nothing.
-  virtual HResult BeginBatch() { return kOk; }
-  /// Commits the writes made since the matching BeginBatch.
-  virtual HResult EndBatch() { return kOk; }
-
   /// A one-line explanation of the last failure returned by this engine (empty
   /// when none), for messages to the user.
-  virtual std::string LastErrorText() const = 0;
+  virtual std::string LastErrorText() const { return {}; }
+};
+
+/// Holds a batch of writes open for a scope (CatalogEngine::BeginBatch) and
+/// commits it at the end of the scope or at Commit().
+class CatalogBatch {
+ public:
+  explicit CatalogBatch(CatalogEngine& engine) : engine_(engine) {
+    open_ = engine_.BeginBatch() == kOk;
+  }
+  ~CatalogBatch() { Commit(); }
+  CatalogBatch(const CatalogBatch&) = delete;
+  CatalogBatch& operator=(const CatalogBatch&) = delete;
+  /// Commits now; returns 0 or a failure code (also when the batch never opened).
+  HResult Commit() {
+    if (!open_) return result_;
+    open_ = false;
+    result_ = engine_.CommitBatch();
+    return result_;
+  }
+
+ private:
+  CatalogEngine& engine_;
+  bool open_ = false;
+  HResult result_ = kFail;
 };
 
 }  // namespace dischive

@@ -1,8 +1,12 @@
 // The embedded catalogue engine: one ".dab" SQLite file in write-ahead-log
-// mode. Albums, volumes and tracks are rows; their properties are rows keyed
-// by field id (and by track index for volumes), so new fields need no schema
-// change. One process writes at a time: a writer holds an flock on the lock
-// file beside the database for as long as it has the catalogue open.
+// mode. An album is one row: its flags, its properties by field id, its name
+// lists and its volumes with their tracks are kept in one column
+// (record_codec.h), so that new fields need no schema change and an album is
+// written and read as one row. New albums are appended (row ids ascend), and
+// the catalogue is walked in row order, so that a walk reads the file front to
+// back; small indexes find an album by identifier and a volume's album by the
+// volume's record id. One process writes at a time: a writer
+// holds an flock on the lock file beside the database while it has it open.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -15,6 +19,7 @@
 #include <set>
 #include <thread>
 
+#include "catalog/record_codec.h"
 #include "catalog/sqlite_db.h"
 #include "dischive/database_files.h"
 #include "dischive/random_id.h"
@@ -25,6 +30,8 @@ namespace dischive {
 namespace {
 
 using catalog::Connection;
+using catalog::DecodeAlbum;
+using catalog::EncodeAlbum;
 using catalog::ResetGuard;
 using catalog::SqlFailure;
 using catalog::Statement;
@@ -34,52 +41,16 @@ using catalog::Transaction;
 constexpr int32_t kApplicationId = 0x44484142;
 constexpr int kSchemaVersion = 1;
 
-// Lists of names an album keeps in album_names, by list number.
-constexpr int kListArtists = 0;
-constexpr int kListComposers = 1;
-constexpr int kListCredits = 2;  // 2 .. 2 + kCreditListCount - 1
-constexpr int kListLineup = kListCredits + kCreditListCount;
-
 constexpr const char* kSchema = R"sql(
 CREATE TABLE albums(
   aid INTEGER PRIMARY KEY,
   id TEXT NOT NULL UNIQUE,
   modified INTEGER NOT NULL DEFAULT 0,
-  various_artists INTEGER NOT NULL DEFAULT 0,
-  various_composers INTEGER NOT NULL DEFAULT 0);
-CREATE TABLE album_props(
-  aid INTEGER NOT NULL REFERENCES albums(aid) ON DELETE CASCADE,
-  field INTEGER NOT NULL,
-  value,
-  PRIMARY KEY(aid, field)) WITHOUT ROWID;
-CREATE TABLE album_names(
-  aid INTEGER NOT NULL REFERENCES albums(aid) ON DELETE CASCADE,
-  list INTEGER NOT NULL,
-  pos INTEGER NOT NULL,
-  name TEXT NOT NULL,
-  role TEXT NOT NULL DEFAULT '',
-  period TEXT NOT NULL DEFAULT '',
-  PRIMARY KEY(aid, list, pos)) WITHOUT ROWID;
+  record BLOB NOT NULL);
 CREATE TABLE volumes(
   record_id INTEGER PRIMARY KEY,
-  aid INTEGER NOT NULL REFERENCES albums(aid) ON DELETE CASCADE,
-  pos INTEGER NOT NULL,
-  title TEXT NOT NULL DEFAULT '',
-  frames INTEGER NOT NULL DEFAULT 0,
-  created INTEGER NOT NULL DEFAULT 0,
-  played INTEGER NOT NULL DEFAULT 0);
-CREATE INDEX volumes_by_album ON volumes(aid, pos);
-CREATE TABLE tracks(
-  record_id INTEGER NOT NULL REFERENCES volumes(record_id) ON DELETE CASCADE,
-  number INTEGER NOT NULL,
-  frames INTEGER NOT NULL DEFAULT 0,
-  PRIMARY KEY(record_id, number)) WITHOUT ROWID;
-CREATE TABLE volume_props(
-  record_id INTEGER NOT NULL REFERENCES volumes(record_id) ON DELETE CASCADE,
-  idx INTEGER NOT NULL,
-  field INTEGER NOT NULL,
-  value,
-  PRIMARY KEY(record_id, idx, field)) WITHOUT ROWID;
+  aid INTEGER NOT NULL,
+  track_count INTEGER NOT NULL DEFAULT 0);
 CREATE TABLE covers(
   record_id INTEGER PRIMARY KEY REFERENCES volumes(record_id) ON DELETE CASCADE,
   bytes BLOB NOT NULL);
@@ -162,29 +133,6 @@ std::string CheckDatabaseHeader(const std::filesystem::path& path) {
   return {};
 }
 
-std::optional<PropertyValue> ColumnValue(const Statement& s, int column) {
-  switch (s.Type(column)) {
-    case SQLITE_INTEGER:
-    case SQLITE_FLOAT:
-      // Properties are 32-bit; a larger number from a foreign writer keeps its low bits.
-      return PropertyValue(static_cast<int32_t>(static_cast<uint32_t>(s.Int(column))));
-    case SQLITE_TEXT:
-      return PropertyValue(s.Text(column));
-    case SQLITE_BLOB:
-      return PropertyValue(s.Blob(column));
-    default:
-      return std::nullopt;
-  }
-}
-
-void BindValue(Statement& s, int index, const PropertyValue& value) {
-  if (const auto* text = std::get_if<std::string>(&value)) {
-    s.Bind(index, *text);
-  } else {
-    s.Bind(index, static_cast<int64_t>(std::get<int32_t>(value)));
-  }
-}
-
 uint32_t U32(int64_t v) {
   return static_cast<uint32_t>(v);
 }
@@ -193,77 +141,21 @@ uint32_t U32(int64_t v) {
 struct Statements {
   explicit Statements(Connection& c)
       : count_albums(c, "SELECT count(*) FROM albums"),
-        album_by_id(c,
-                    "SELECT aid, id, modified, various_artists, various_composers FROM albums "
-                    "WHERE id = ?1"),
-        album_props(c, "SELECT field, value FROM album_props WHERE aid = ?1"),
-        album_names(c,
-                    "SELECT list, name, role, period FROM album_names WHERE aid = ?1 "
-                    "ORDER BY list, pos"),
-        album_volumes(c,
-                      "SELECT record_id, title, frames, created, played FROM volumes "
-                      "WHERE aid = ?1 ORDER BY pos"),
-        volume_row(c,
-                   "SELECT record_id, title, frames, created, played, aid FROM volumes "
-                   "WHERE record_id = ?1"),
-        volume_tracks(c, "SELECT number, frames FROM tracks WHERE record_id = ?1 ORDER BY number"),
-        volume_props(c,
-                     "SELECT idx, field, value FROM volume_props WHERE record_id = ?1 "
-                     "ORDER BY idx, field"),
-        album_of_volume(c,
-                        "SELECT a.id FROM volumes v JOIN albums a ON a.aid = v.aid "
-                        "WHERE v.record_id = ?1"),
-        insert_album(c,
-                     "INSERT INTO albums(id, modified, various_artists, various_composers) "
-                     "VALUES(?1, ?2, ?3, ?4)"),
-        update_album(c,
-                     "UPDATE albums SET modified = ?2, various_artists = ?3, "
-                     "various_composers = ?4 WHERE aid = ?1"),
+        album_row(c, "SELECT aid, id, modified, record FROM albums WHERE aid = ?1"),
+        album_by_id(c, "SELECT aid, id, modified, record FROM albums WHERE id = ?1"),
+        volume_album(c, "SELECT aid FROM volumes WHERE record_id = ?1"),
+        album_id_of_volume(c,
+                           "SELECT a.id FROM volumes v JOIN albums a ON a.aid = v.aid "
+                           "WHERE v.record_id = ?1"),
+        insert_album(c, "INSERT INTO albums(id, modified, record) VALUES(?1, ?2, ?3)"),
+        update_album(c, "UPDATE albums SET modified = ?2, record = ?3 WHERE aid = ?1"),
+        id_exists(c, "SELECT 1 FROM albums WHERE id = ?1"),
+        delete_album_by_id(c, "DELETE FROM albums WHERE id = ?1"),
         touch_album(c, "UPDATE albums SET modified = ?2 WHERE aid = ?1"),
-        delete_album_props(c, "DELETE FROM album_props WHERE aid = ?1"),
-        upsert_album_prop(c,
-                          "INSERT OR REPLACE INTO album_props(aid, field, value) "
-                          "VALUES(?1, ?2, ?3)"),
-        delete_album_names(c, "DELETE FROM album_names WHERE aid = ?1"),
-        delete_album_list(c, "DELETE FROM album_names WHERE aid = ?1 AND list = ?2"),
-        insert_album_name(c,
-                          "INSERT INTO album_names(aid, list, pos, name, role, period) "
-                          "VALUES(?1, ?2, ?3, ?4, ?5, ?6)"),
-        volume_owner(c, "SELECT aid FROM volumes WHERE record_id = ?1"),
-        album_volume_ids(c, "SELECT record_id FROM volumes WHERE aid = ?1"),
-        next_volume_pos(c, "SELECT coalesce(max(pos) + 1, 0) FROM volumes WHERE aid = ?1"),
-        insert_volume(c,
-                      "INSERT INTO volumes(record_id, aid, pos, title, frames, created, played) "
-                      "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)"),
-        replace_volume(c,
-                       "UPDATE volumes SET pos = ?2, title = ?3, frames = ?4, created = ?5, "
-                       "played = ?6 WHERE record_id = ?1"),
-        merge_volume(c,
-                     "UPDATE volumes SET "
-                     "title = CASE WHEN ?2 <> '' THEN ?2 ELSE title END, "
-                     "frames = CASE WHEN ?3 <> 0 THEN ?3 ELSE frames END, "
-                     "created = CASE WHEN ?4 <> 0 THEN ?4 ELSE created END, "
-                     "played = CASE WHEN ?5 <> 0 THEN ?5 ELSE played END "
-                     "WHERE record_id = ?1"),
+        write_volume(c,
+                     "INSERT INTO volumes(record_id, aid, track_count) VALUES(?1, ?2, ?3) "
+                     "ON CONFLICT(record_id) DO UPDATE SET track_count = excluded.track_count"),
         delete_volume(c, "DELETE FROM volumes WHERE record_id = ?1"),
-        delete_tracks(c, "DELETE FROM tracks WHERE record_id = ?1"),
-        delete_volume_props(c, "DELETE FROM volume_props WHERE record_id = ?1"),
-        insert_track(c, "INSERT INTO tracks(record_id, number, frames) VALUES(?1, ?2, ?3)"),
-        merge_track(c,
-                    "INSERT INTO tracks(record_id, number, frames) VALUES(?1, ?2, ?3) "
-                    "ON CONFLICT(record_id, number) DO UPDATE SET frames = "
-                    "CASE WHEN excluded.frames <> 0 THEN excluded.frames ELSE frames END"),
-        track_exists(c, "SELECT 1 FROM tracks WHERE record_id = ?1 AND number = ?2"),
-        upsert_volume_prop(c,
-                           "INSERT OR REPLACE INTO volume_props(record_id, idx, field, value) "
-                           "VALUES(?1, ?2, ?3, ?4)"),
-        get_volume_prop(c,
-                        "SELECT value FROM volume_props WHERE record_id = ?1 AND idx = ?2 "
-                        "AND field = ?3"),
-        delete_volume_prop(c,
-                           "DELETE FROM volume_props WHERE record_id = ?1 AND idx = ?2 "
-                           "AND field = ?3"),
-        delete_album(c, "DELETE FROM albums WHERE aid = ?1"),
         read_cover(c, "SELECT bytes FROM covers WHERE record_id = ?1"),
         write_cover(c, "INSERT OR REPLACE INTO covers(record_id, bytes) VALUES(?1, ?2)"),
         delete_cover(c, "DELETE FROM covers WHERE record_id = ?1"),
@@ -287,16 +179,24 @@ struct Statements {
         get_meta(c, "SELECT value FROM meta WHERE key = ?1"),
         set_meta(c, "INSERT OR REPLACE INTO meta(key, value) VALUES(?1, ?2)") {}
 
-  Statement count_albums, album_by_id, album_props, album_names, album_volumes, volume_row,
-      volume_tracks, volume_props, album_of_volume, insert_album, update_album, touch_album,
-      delete_album_props, upsert_album_prop, delete_album_names, delete_album_list,
-      insert_album_name, volume_owner, album_volume_ids, next_volume_pos, insert_volume,
-      replace_volume, merge_volume, delete_volume, delete_tracks, delete_volume_props, insert_track,
-      merge_track, track_exists, upsert_volume_prop, get_volume_prop, delete_volume_prop,
-      delete_album, read_cover, write_cover, delete_cover, list_artists, artist_alt_names,
-      artist_links, delete_artist, insert_artist, insert_alt_name, insert_link, get_db_prop,
-      set_db_prop, delete_db_prop, list_db_props, get_meta, set_meta;
+  Statement count_albums, album_row, album_by_id, volume_album, album_id_of_volume, insert_album,
+      update_album, id_exists, delete_album_by_id, touch_album, write_volume, delete_volume,
+      read_cover, write_cover, delete_cover, list_artists, artist_alt_names, artist_links,
+      delete_artist, insert_artist, insert_alt_name, insert_link, get_db_prop, set_db_prop,
+      delete_db_prop, list_db_props, get_meta, set_meta;
 };
+
+// An album identifier in its stored form (16 upper-case hexadecimal digits);
+// empty when the text is not 16 hexadecimal digits.
+std::optional<std::string> NormalAlbumId(std::string_view id) {
+  if (id.size() != 16) return std::nullopt;
+  std::string out(id);
+  for (char& c : out) {
+    if (c >= 'a' && c <= 'f') c = static_cast<char>(c - 'a' + 'A');
+    if (!((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))) return std::nullopt;
+  }
+  return out;
+}
 
 // A failure with its result code and message, raised inside a write and
 // turned into the returned code at the public boundary.
@@ -311,7 +211,11 @@ class SqliteCatalog final : public CatalogEngine {
       : path_(std::move(path)), writable_(writable), lock_(std::move(lock)) {}
 
   ~SqliteCatalog() override {
-    if (batch_depth_ > 0) sqlite3_exec(db_.handle(), "RELEASE batch", nullptr, nullptr, nullptr);
+    // A batch still open is committed: closing never drops written albums.
+    while (batch_depth_ > 0) {
+      --batch_depth_;
+      sqlite3_exec(db_.handle(), "RELEASE batch", nullptr, nullptr, nullptr);
+    }
     st_.reset();
     db_.Close();
   }
@@ -333,12 +237,33 @@ class SqliteCatalog final : public CatalogEngine {
       return kCatalogReadOnly;
     }
     try {
-      db_.Exec("PRAGMA busy_timeout = 5000; PRAGMA cache_size = -8192;");
-      if (writable_) {
-        db_.Exec(
-            "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON;");
-      } else {
-        db_.Exec("PRAGMA query_only = 1;");
+      try {
+        Configure();
+      } catch (const SqlFailure& f) {
+        // A reader of a file in a folder it cannot write (a catalogue on a
+        // read-only disc, a sample shipped with the program) cannot create the
+        // log's shared-memory file. With no log beside the file no writer is
+        // active, and the file can be read as unchanging.
+        std::error_code ec;
+        if (writable_ || (f.code() & 0xFF) != SQLITE_READONLY ||
+            std::filesystem::exists(path_.string() + "-wal", ec)) {
+          throw;
+        }
+        db_.Close();
+        std::string uri = "file:";
+        for (const char c : path_.string()) {
+          if (c == '%' || c == '?' || c == '#') {
+            uri += fmt::format("%{:02X}", static_cast<unsigned char>(c));
+          } else {
+            uri += c;
+          }
+        }
+        uri += "?immutable=1";
+        if (db_.Open(path_, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, message, uri) != SQLITE_OK) {
+          *message = path_.string() + " cannot be opened: " + *message;
+          return kCatalogInvalid;
+        }
+        Configure();
       }
       Statement version(db_, "PRAGMA user_version");
       const int64_t schema = version.Step() ? version.Int(0) : 0;
@@ -357,6 +282,22 @@ class SqliteCatalog final : public CatalogEngine {
 
   const std::filesystem::path& path() const override { return path_; }
 
+  // Settings of the connection; the first read of the file happens here.
+  void Configure() {
+    db_.Exec("PRAGMA busy_timeout = 5000; PRAGMA cache_size = -8192;");
+    if (writable_) {
+      // Checkpoints (each one syncs the disk) every 10,000 pages, not 1,000: a
+      // catalogue is written an album per transaction, a few pages each.
+      db_.Exec(
+          "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON; "
+          "PRAGMA wal_autocheckpoint = 10000;");
+    } else {
+      db_.Exec("PRAGMA query_only = 1;");
+    }
+    Statement probe(db_, "SELECT count(*) FROM sqlite_master");
+    probe.Step();
+  }
+
   size_t AlbumCount() override {
     std::lock_guard lock(mutex_);
     size_t count = 0;
@@ -371,10 +312,11 @@ class SqliteCatalog final : public CatalogEngine {
     std::lock_guard lock(mutex_);
     CatalogCounts counts;
     Guard([&] {
-      Statement s(db_,
-                  "SELECT (SELECT count(*) FROM albums), (SELECT count(*) FROM volumes), "
-                  "(SELECT count(*) FROM tracks), (SELECT count(*) FROM covers), "
-                  "(SELECT count(*) FROM artists)");
+      Statement s(
+          db_,
+          "SELECT (SELECT count(*) FROM albums), (SELECT count(*) FROM volumes), "
+          "(SELECT coalesce(sum(track_count), 0) FROM volumes), (SELECT count(*) FROM covers), "
+          "(SELECT count(*) FROM artists)");
       if (s.Step()) {
         counts.albums = static_cast<size_t>(s.Int(0));
         counts.volumes = static_cast<size_t>(s.Int(1));
@@ -392,14 +334,11 @@ class SqliteCatalog final : public CatalogEngine {
       // One read transaction for the whole walk, so that it sees one state of
       // the catalogue; a write made by `visit` joins it as a savepoint.
       Transaction snapshot(db_);
-      Statement cursor(db_,
-                       "SELECT aid, id, modified, various_artists, various_composers "
-                       "FROM albums ORDER BY id");
+      Statement cursor(db_, "SELECT aid, id, modified, record FROM albums ORDER BY aid");
       AlbumRecord album;
       while (cursor.Step()) {
         album = AlbumRecord();
-        const int64_t aid = FillAlbumRow(cursor, album);
-        LoadAlbum(aid, album);
+        FillAlbum(cursor, album);
         if (!visit(album)) break;
       }
       snapshot.Commit();
@@ -410,14 +349,9 @@ class SqliteCatalog final : public CatalogEngine {
     std::lock_guard lock(mutex_);
     std::optional<AlbumRecord> result;
     Guard([&] {
-      Transaction snapshot(db_);
       AlbumRecord album;
-      const std::optional<int64_t> aid = FindAlbum(album_id, &album);
-      if (aid) {
-        LoadAlbum(*aid, album);
-        result = std::move(album);
-      }
-      snapshot.Commit();
+      const std::optional<std::string> id = NormalAlbumId(album_id);
+      if (id && FindAlbum(*id, &album)) result = std::move(album);
     });
     return result;
   }
@@ -426,7 +360,7 @@ class SqliteCatalog final : public CatalogEngine {
     std::lock_guard lock(mutex_);
     std::optional<std::string> result;
     Guard([&] {
-      Statement& s = st_->album_of_volume;
+      Statement& s = st_->album_id_of_volume;
       ResetGuard reset(s);
       s.Bind(1, int64_t{record_id});
       if (s.Step()) result = s.Text(0);
@@ -439,15 +373,8 @@ class SqliteCatalog final : public CatalogEngine {
     std::optional<VolumeRecord> result;
     Guard([&] {
       Transaction snapshot(db_);
-      Statement& s = st_->volume_row;
-      ResetGuard reset(s);
-      s.Bind(1, int64_t{record_id});
-      if (s.Step()) {
-        VolumeRecord volume;
-        FillVolumeRow(s, volume);
-        LoadVolumeDetails(volume);
-        result = std::move(volume);
-      }
+      AlbumRecord album;
+      if (const VolumeRecord* v = LoadVolume(record_id, &album)) result = *v;
       snapshot.Commit();
     });
     return result;
@@ -460,23 +387,64 @@ class SqliteCatalog final : public CatalogEngine {
       Validate(album);
       Transaction transaction(db_);
       const uint32_t now = Now();
-      std::string id = album.id;
       std::optional<int64_t> aid;
-      if (!id.empty()) aid = FindAlbum(id, nullptr);
-      if (!aid) {
-        if (id.empty()) id = NewAlbumId();
-        Statement& s = st_->insert_album;
-        s.Bind(1, id).Bind(2, int64_t{now});
-        s.Bind(3, album.various_artists ? 1 : 0).Bind(4, album.various_composers ? 1 : 0);
-        s.Run();
-        aid = sqlite3_last_insert_rowid(db_.handle());
-        mode = WriteMode::kReplace;  // nothing to merge with
+      AlbumRecord stored;
+      std::string id;
+      if (album.id.empty()) {
+        id = NewAlbumId();
       } else {
-        WriteAlbumRow(*aid, album, mode, now);
+        const std::optional<std::string> normal = NormalAlbumId(album.id);
+        if (!normal) {
+          throw Refusal{kInvalidArgument,
+                        "album identifier \"" + album.id + "\" is not 16 hexadecimal digits"};
+        }
+        id = *normal;
+        aid = FindAlbum(id, &stored);
       }
-      WriteAlbumProperties(*aid, album, mode);
-      WriteAlbumNames(*aid, album, mode);
-      WriteVolumes(*aid, album, mode);
+      const bool exists = aid.has_value();
+      AlbumRecord result;
+      if (exists && mode == WriteMode::kMerge) {
+        result = std::move(stored);
+        MergeAlbum(result, album);
+      } else {
+        result = album;
+      }
+      for (VolumeRecord& v : result.volumes) {
+        SortTracks(v);
+      }
+      // A volume belongs to one album: refuse one that another album holds.
+      for (const VolumeRecord& v : result.volumes) {
+        const std::optional<int64_t> owner = AlbumOfVolume(v.record_id);
+        if (owner && owner != aid) {
+          throw Refusal{kInvalidArgument,
+                        fmt::format("volume {:08X} already belongs to another album", v.record_id)};
+        }
+      }
+      if (exists) {
+        st_->update_album.Bind(1, *aid)
+            .Bind(2, int64_t{now})
+            .BindBlob(3, EncodeAlbum(result))
+            .Run();
+      } else {
+        st_->insert_album.Bind(1, id).Bind(2, int64_t{now}).BindBlob(3, EncodeAlbum(result)).Run();
+        aid = sqlite3_last_insert_rowid(db_.handle());
+      }
+      // Volumes the replaced album no longer holds go, with their covers (a
+      // merge keeps every stored volume).
+      for (const VolumeRecord& old :
+           mode == WriteMode::kReplace ? stored.volumes : std::vector<VolumeRecord>()) {
+        const uint32_t rid = old.record_id;
+        if (std::none_of(result.volumes.begin(), result.volumes.end(),
+                         [rid](const VolumeRecord& v) { return v.record_id == rid; })) {
+          st_->delete_volume.Bind(1, int64_t{rid}).Run();
+        }
+      }
+      for (const VolumeRecord& v : result.volumes) {
+        st_->write_volume.Bind(1, int64_t{v.record_id})
+            .Bind(2, *aid)
+            .Bind(3, static_cast<int64_t>(v.tracks.size()))
+            .Run();
+      }
       transaction.Commit();
       album.id = id;
       album.modified = now;
@@ -488,9 +456,16 @@ class SqliteCatalog final : public CatalogEngine {
     if (const HResult refused = CheckWritable(lock); refused != kOk) return refused;
     return Guard([&] {
       Transaction transaction(db_);
-      const std::optional<int64_t> aid = FindAlbum(album_id, nullptr);
-      if (!aid) throw Refusal{kCatalogNotFound, fmt::format("no album {}", album_id)};
-      st_->delete_album.Bind(1, *aid).Run();
+      const std::optional<std::string> id = NormalAlbumId(album_id);
+      AlbumRecord stored;
+      if (!id || !FindAlbum(*id, &stored)) {
+        throw Refusal{kCatalogNotFound, fmt::format("no album {}", album_id)};
+      }
+      // The volume index rows go first, and with them the covers.
+      for (const VolumeRecord& v : stored.volumes) {
+        st_->delete_volume.Bind(1, int64_t{v.record_id}).Run();
+      }
+      st_->delete_album_by_id.Bind(1, *id).Run();
       transaction.Commit();
     });
   }
@@ -500,42 +475,49 @@ class SqliteCatalog final : public CatalogEngine {
     std::lock_guard lock(mutex_);
     std::optional<PropertyValue> result;
     Guard([&] {
-      Statement& s = st_->get_volume_prop;
-      ResetGuard reset(s);
-      s.Bind(1, int64_t{record_id}).Bind(2, int64_t{index}).Bind(3, int64_t{id});
-      if (s.Step()) result = ColumnValue(s, 0);
+      Transaction snapshot(db_);
+      AlbumRecord album;
+      if (VolumeRecord* v = LoadVolume(record_id, &album)) {
+        if (const PropertySet* properties = PropertiesAt(*v, index)) {
+          if (const PropertyValue* value = properties->Find(id)) result = *value;
+        }
+      }
+      snapshot.Commit();
     });
     return result;
   }
 
   HResult SetVolumeProperty(uint32_t record_id, field::FieldId id, uint32_t index,
                             const PropertyValue& value) override {
-    std::unique_lock lock(mutex_);
-    if (const HResult refused = CheckWritable(lock); refused != kOk) return refused;
-    return Guard([&] {
-      Transaction transaction(db_);
-      const int64_t aid = RequireRecord(record_id, index);
-      Statement& s = st_->upsert_volume_prop;
-      s.Bind(1, int64_t{record_id}).Bind(2, int64_t{index}).Bind(3, int64_t{id});
-      BindValue(s, 4, value);
-      s.Run();
-      Touch(aid);
-      transaction.Commit();
+    return EditVolume(record_id, index, [&](PropertySet& properties) {
+      properties.Set(id, value);
+      return true;
     });
   }
 
   HResult RemoveVolumeProperty(uint32_t record_id, field::FieldId id, uint32_t index) override {
+    return EditVolume(record_id, index, [&](PropertySet& properties) {
+      if (!properties.Has(id)) return false;
+      properties.Remove(id);
+      return true;
+    });
+  }
+
+  HResult BeginBatch() override {
     std::unique_lock lock(mutex_);
     if (const HResult refused = CheckWritable(lock); refused != kOk) return refused;
     return Guard([&] {
-      Transaction transaction(db_);
-      const int64_t aid = RequireRecord(record_id, index);
-      st_->delete_volume_prop.Bind(1, int64_t{record_id})
-          .Bind(2, int64_t{index})
-          .Bind(3, int64_t{id})
-          .Run();
-      if (sqlite3_changes(db_.handle()) > 0) Touch(aid);
-      transaction.Commit();
+      db_.Exec("SAVEPOINT batch");
+      ++batch_depth_;
+    });
+  }
+
+  HResult CommitBatch() override {
+    std::unique_lock lock(mutex_);
+    if (batch_depth_ == 0) return Refuse(kInvalidArgument, "no batch of writes to commit");
+    return Guard([&] {
+      db_.Exec("RELEASE batch");
+      --batch_depth_;
     });
   }
 
@@ -556,13 +538,14 @@ class SqliteCatalog final : public CatalogEngine {
     if (const HResult refused = CheckWritable(lock); refused != kOk) return refused;
     return Guard([&] {
       Transaction transaction(db_);
-      const int64_t aid = RequireRecord(record_id, 0);
+      const std::optional<int64_t> aid = AlbumOfVolume(record_id);
+      if (!aid) throw Refusal{kCatalogNotFound, fmt::format("no volume {:08X}", record_id)};
       if (bytes.empty()) {
         st_->delete_cover.Bind(1, int64_t{record_id}).Run();
       } else {
         st_->write_cover.Bind(1, int64_t{record_id}).BindBlob(2, bytes).Run();
       }
-      Touch(aid);
+      Touch(*aid);
       transaction.Commit();
     });
   }
@@ -731,6 +714,9 @@ class SqliteCatalog final : public CatalogEngine {
     if (suspended_) {
       return Refuse(kCatalogLocked, "writing to the catalogue is already suspended");
     }
+    if (batch_depth_ > 0) {
+      return Refuse(kCatalogLocked, "a batch of writes is still open");
+    }
     if (writable_) {
       int log_frames = 0, checkpointed = 0;
       const int rc = sqlite3_wal_checkpoint_v2(db_.handle(), nullptr, SQLITE_CHECKPOINT_TRUNCATE,
@@ -787,26 +773,6 @@ class SqliteCatalog final : public CatalogEngine {
     return last_error_;
   }
 
-  // An outer savepoint around the batch: the savepoints of the single writes
-  // nest inside it, and nothing reaches the file before the last EndBatch.
-  HResult BeginBatch() override {
-    std::unique_lock lock(mutex_);
-    if (!writable_) return Refuse(kFail, "the catalogue is open for reading only");
-    return Guard([&] {
-      if (batch_depth_ == 0) db_.Exec("SAVEPOINT batch");
-      ++batch_depth_;
-    });
-  }
-
-  HResult EndBatch() override {
-    std::unique_lock lock(mutex_);
-    if (batch_depth_ == 0) return kOk;
-    return Guard([&] {
-      if (batch_depth_ == 1) db_.Exec("RELEASE batch");
-      --batch_depth_;
-    });
-  }
-
  private:
   // Runs `work`, turning failures into result codes (FatalDatabaseError passes).
   template <typename Work>
@@ -846,7 +812,6 @@ class SqliteCatalog final : public CatalogEngine {
   }
 
   static void Validate(const AlbumRecord& album) {
-    if (album.id.size() > 64) throw Refusal{kInvalidArgument, "album identifier too long"};
     std::set<uint32_t> ids;
     for (const VolumeRecord& v : album.volumes) {
       if (!ids.insert(v.record_id).second) {
@@ -867,284 +832,158 @@ class SqliteCatalog final : public CatalogEngine {
     }
   }
 
-  std::string NewAlbumId() {
-    for (;;) {
-      std::string id = NewRandomIdentifier();
-      if (!FindAlbum(id, nullptr)) return id;
-    }
+  [[noreturn]] void Damaged(std::string_view what) const {
+    throw FatalDatabaseError(path_.string(), fmt::format("damaged record: {}", what));
   }
 
-  // The album row with this identifier; fills the row's fields into *album.
-  std::optional<int64_t> FindAlbum(std::string_view id, AlbumRecord* album) {
+  // An album row's columns: aid, id, modified, record.
+  void FillAlbum(const Statement& s, AlbumRecord& album) const {
+    album.id = s.Text(1);
+    album.modified = U32(s.Int(2));
+    if (!DecodeAlbum(s.Blob(3), &album)) Damaged("album " + album.id);
+  }
+
+  bool LoadAlbum(int64_t aid, AlbumRecord* album) {
+    Statement& s = st_->album_row;
+    ResetGuard reset(s);
+    s.Bind(1, aid);
+    if (!s.Step()) return false;
+    FillAlbum(s, *album);
+    return true;
+  }
+
+  // The row of the album with this (stored-form) identifier, loaded into
+  // *album when given.
+  std::optional<int64_t> FindAlbum(const std::string& id, AlbumRecord* album) {
     Statement& s = st_->album_by_id;
     ResetGuard reset(s);
     s.Bind(1, id);
     if (!s.Step()) return std::nullopt;
-    AlbumRecord ignored;
-    return FillAlbumRow(s, album != nullptr ? *album : ignored);
-  }
-
-  static int64_t FillAlbumRow(const Statement& s, AlbumRecord& album) {
-    album.id = s.Text(1);
-    album.modified = U32(s.Int(2));
-    album.various_artists = s.Int(3) != 0;
-    album.various_composers = s.Int(4) != 0;
+    if (album != nullptr) FillAlbum(s, *album);
     return s.Int(0);
   }
 
-  static void FillVolumeRow(const Statement& s, VolumeRecord& volume) {
-    volume.record_id = U32(s.Int(0));
-    volume.title = s.Text(1);
-    volume.frames = U32(s.Int(2));
-    volume.created = U32(s.Int(3));
-    volume.played = U32(s.Int(4));
-  }
-
-  void LoadAlbum(int64_t aid, AlbumRecord& album) {
-    {
-      Statement& s = st_->album_props;
-      ResetGuard reset(s);
-      s.Bind(1, aid);
-      while (s.Step()) {
-        if (auto value = ColumnValue(s, 1)) album.properties.Set(U32(s.Int(0)), std::move(*value));
-      }
-    }
-    {
-      Statement& s = st_->album_names;
-      ResetGuard reset(s);
-      s.Bind(1, aid);
-      while (s.Step()) {
-        const int64_t list = s.Int(0);
-        if (list == kListArtists) {
-          album.artists.push_back(s.Text(1));
-        } else if (list == kListComposers) {
-          album.composers.push_back(s.Text(1));
-        } else if (list >= kListCredits && list < kListLineup) {
-          album.credits[list - kListCredits].push_back({s.Text(1), s.Text(2)});
-        } else if (list == kListLineup) {
-          album.lineup.push_back({s.Text(1), s.Text(2), s.Text(3)});
-        }
-      }
-    }
-    {
-      Statement& s = st_->album_volumes;
-      ResetGuard reset(s);
-      s.Bind(1, aid);
-      while (s.Step())
-        FillVolumeRow(s, album.volumes.emplace_back());
-    }
-    for (VolumeRecord& volume : album.volumes)
-      LoadVolumeDetails(volume);
-  }
-
-  void LoadVolumeDetails(VolumeRecord& volume) {
-    {
-      Statement& s = st_->volume_tracks;
-      ResetGuard reset(s);
-      s.Bind(1, int64_t{volume.record_id});
-      while (s.Step()) {
-        TrackRecord& t = volume.tracks.emplace_back();
-        t.number = U32(s.Int(0));
-        t.frames = U32(s.Int(1));
-      }
-    }
-    Statement& s = st_->volume_props;
+  std::optional<int64_t> AlbumOfVolume(uint32_t record_id) {
+    Statement& s = st_->volume_album;
     ResetGuard reset(s);
-    s.Bind(1, int64_t{volume.record_id});
-    // Both the tracks and the property rows come ordered by track number.
-    size_t next = 0;
-    while (s.Step()) {
-      const int64_t index = s.Int(0);
-      std::optional<PropertyValue> value = ColumnValue(s, 2);
-      if (!value) continue;
-      if (index == 0) {
-        volume.properties.Set(U32(s.Int(1)), std::move(*value));
-        continue;
-      }
-      while (next < volume.tracks.size() && volume.tracks[next].number < index)
-        ++next;
-      if (next < volume.tracks.size() && volume.tracks[next].number == index) {
-        volume.tracks[next].properties.Set(U32(s.Int(1)), std::move(*value));
-      }
-    }
+    s.Bind(1, int64_t{record_id});
+    if (!s.Step()) return std::nullopt;
+    return s.Int(0);
   }
 
-  void WriteAlbumRow(int64_t aid, const AlbumRecord& album, WriteMode mode, uint32_t now) {
-    bool various_artists = album.various_artists;
-    bool various_composers = album.various_composers;
-    if (mode == WriteMode::kMerge) {
-      // Unless the merged album names its artists or composers, keep the stored flags.
-      AlbumRecord stored;
-      FindAlbum(album.id, &stored);
-      if (album.artists.empty() && !album.various_artists) {
-        various_artists = stored.various_artists;
-      }
-      if (album.composers.empty() && !album.various_composers) {
-        various_composers = stored.various_composers;
-      }
+  // Loads the album that holds the volume into *album and returns the volume
+  // in it, or nullptr when there is no such volume.
+  VolumeRecord* LoadVolume(uint32_t record_id, AlbumRecord* album, int64_t* row = nullptr) {
+    const std::optional<int64_t> aid = AlbumOfVolume(record_id);
+    if (!aid || !LoadAlbum(*aid, album)) return nullptr;
+    if (row != nullptr) *row = *aid;
+    for (VolumeRecord& v : album->volumes) {
+      if (v.record_id == record_id) return &v;
     }
-    st_->update_album.Bind(1, aid)
-        .Bind(2, int64_t{now})
-        .Bind(3, various_artists ? 1 : 0)
-        .Bind(4, various_composers ? 1 : 0)
-        .Run();
+    Damaged(fmt::format("volume {:08X} is missing from album {}", record_id, album->id));
   }
 
-  void WriteAlbumProperties(int64_t aid, const AlbumRecord& album, WriteMode mode) {
-    if (mode == WriteMode::kReplace) st_->delete_album_props.Bind(1, aid).Run();
-    for (const auto& [field, value] : album.properties.values()) {
-      Statement& s = st_->upsert_album_prop;
-      s.Bind(1, aid).Bind(2, int64_t{field});
-      BindValue(s, 3, value);
-      s.Run();
-    }
-  }
-
-  void InsertName(int64_t aid, int list, size_t pos, std::string_view name,
-                  std::string_view role = {}, std::string_view period = {}) {
-    st_->insert_album_name.Bind(1, aid)
-        .Bind(2, int64_t{list})
-        .Bind(3, static_cast<int64_t>(pos))
-        .Bind(4, name)
-        .Bind(5, role)
-        .Bind(6, period)
-        .Run();
-  }
-
-  // Writes the artist, composer, credit and line-up lists. In merge mode a
-  // list that is empty in `album` keeps its stored entries.
-  void WriteAlbumNames(int64_t aid, const AlbumRecord& album, WriteMode mode) {
-    const bool merge = mode == WriteMode::kMerge;
-    if (!merge) st_->delete_album_names.Bind(1, aid).Run();
-    auto begin_list = [&](int list, bool empty) {
-      if (merge && !empty) st_->delete_album_list.Bind(1, aid).Bind(2, int64_t{list}).Run();
-    };
-    begin_list(kListArtists, album.artists.empty());
-    for (size_t i = 0; i < album.artists.size(); ++i) {
-      InsertName(aid, kListArtists, i, album.artists[i]);
-    }
-    begin_list(kListComposers, album.composers.empty());
-    for (size_t i = 0; i < album.composers.size(); ++i) {
-      InsertName(aid, kListComposers, i, album.composers[i]);
-    }
-    for (int c = 0; c < kCreditListCount; ++c) {
-      begin_list(kListCredits + c, album.credits[c].empty());
-      for (size_t i = 0; i < album.credits[c].size(); ++i) {
-        InsertName(aid, kListCredits + c, i, album.credits[c][i].name, album.credits[c][i].role);
-      }
-    }
-    begin_list(kListLineup, album.lineup.empty());
-    for (size_t i = 0; i < album.lineup.size(); ++i) {
-      const LineupMember& m = album.lineup[i];
-      InsertName(aid, kListLineup, i, m.name, m.role, m.period);
-    }
-  }
-
-  void WriteVolumes(int64_t aid, const AlbumRecord& album, WriteMode mode) {
-    // A volume belongs to one album: refuse one that another album holds.
-    for (const VolumeRecord& v : album.volumes) {
-      Statement& s = st_->volume_owner;
+  std::string NewAlbumId() {
+    for (;;) {
+      std::string id = NewRandomIdentifier();
+      Statement& s = st_->id_exists;
       ResetGuard reset(s);
-      s.Bind(1, int64_t{v.record_id});
-      if (s.Step() && s.Int(0) != aid) {
-        throw Refusal{kInvalidArgument,
-                      fmt::format("volume {:08X} already belongs to another album", v.record_id)};
-      }
-    }
-    std::set<uint32_t> stored;
-    {
-      Statement& s = st_->album_volume_ids;
-      ResetGuard reset(s);
-      s.Bind(1, aid);
-      while (s.Step())
-        stored.insert(U32(s.Int(0)));
-    }
-    if (mode == WriteMode::kReplace) {
-      for (const uint32_t id : stored) {
-        const bool kept = std::any_of(album.volumes.begin(), album.volumes.end(),
-                                      [id](const VolumeRecord& v) { return v.record_id == id; });
-        if (!kept) st_->delete_volume.Bind(1, int64_t{id}).Run();
-      }
-    }
-    int64_t next_pos = 0;
-    if (mode == WriteMode::kMerge) {
-      Statement& s = st_->next_volume_pos;
-      ResetGuard reset(s);
-      s.Bind(1, aid);
-      if (s.Step()) next_pos = s.Int(0);
-    }
-    for (size_t i = 0; i < album.volumes.size(); ++i) {
-      const VolumeRecord& v = album.volumes[i];
-      const auto id = int64_t{v.record_id};
-      const bool exists = stored.count(v.record_id) != 0;
-      const bool merge = mode == WriteMode::kMerge && exists;
-      if (merge) {
-        st_->merge_volume.Bind(1, id)
-            .Bind(2, v.title)
-            .Bind(3, int64_t{v.frames})
-            .Bind(4, int64_t{v.created})
-            .Bind(5, int64_t{v.played})
-            .Run();
-      } else if (exists) {
-        // Replace mode: the row stays (and with it the volume's cover).
-        st_->replace_volume.Bind(1, id)
-            .Bind(2, static_cast<int64_t>(i))
-            .Bind(3, v.title)
-            .Bind(4, int64_t{v.frames})
-            .Bind(5, int64_t{v.created})
-            .Bind(6, int64_t{v.played})
-            .Run();
-        st_->delete_tracks.Bind(1, id).Run();
-        st_->delete_volume_props.Bind(1, id).Run();
-      } else {
-        const int64_t pos = mode == WriteMode::kMerge ? next_pos++ : static_cast<int64_t>(i);
-        st_->insert_volume.Bind(1, id)
-            .Bind(2, aid)
-            .Bind(3, pos)
-            .Bind(4, v.title)
-            .Bind(5, int64_t{v.frames})
-            .Bind(6, int64_t{v.created})
-            .Bind(7, int64_t{v.played})
-            .Run();
-      }
-      WriteVolumeProperties(id, 0, v.properties);
-      Statement& track_insert = merge ? st_->merge_track : st_->insert_track;
-      for (const TrackRecord& t : v.tracks) {
-        track_insert.Bind(1, id).Bind(2, int64_t{t.number}).Bind(3, int64_t{t.frames}).Run();
-        WriteVolumeProperties(id, t.number, t.properties);
-      }
+      s.Bind(1, id);
+      if (!s.Step()) return id;
     }
   }
 
-  void WriteVolumeProperties(int64_t record_id, uint32_t index, const PropertySet& properties) {
-    for (const auto& [field, value] : properties.values()) {
-      Statement& s = st_->upsert_volume_prop;
-      s.Bind(1, record_id).Bind(2, int64_t{index}).Bind(3, int64_t{field});
-      BindValue(s, 4, value);
-      s.Run();
-    }
-  }
-
-  // The album row that owns the volume; refuses a missing volume or track.
-  int64_t RequireRecord(uint32_t record_id, uint32_t index) {
-    int64_t aid;
-    {
-      Statement& s = st_->volume_owner;
-      ResetGuard reset(s);
-      s.Bind(1, int64_t{record_id});
-      if (!s.Step()) throw Refusal{kCatalogNotFound, fmt::format("no volume {:08X}", record_id)};
-      aid = s.Int(0);
-    }
-    if (index != 0) {
-      Statement& s = st_->track_exists;
-      ResetGuard reset(s);
-      s.Bind(1, int64_t{record_id}).Bind(2, int64_t{index});
-      if (!s.Step()) {
+  // Changes the properties of a volume (index 0) or of one of its tracks;
+  // `edit` returns whether it changed anything.
+  HResult EditVolume(uint32_t record_id, uint32_t index,
+                     const std::function<bool(PropertySet&)>& edit) {
+    std::unique_lock lock(mutex_);
+    if (const HResult refused = CheckWritable(lock); refused != kOk) return refused;
+    return Guard([&] {
+      Transaction transaction(db_);
+      AlbumRecord album;
+      int64_t aid = 0;
+      VolumeRecord* v = LoadVolume(record_id, &album, &aid);
+      if (v == nullptr) throw Refusal{kCatalogNotFound, fmt::format("no volume {:08X}", record_id)};
+      PropertySet* properties = PropertiesAt(*v, index);
+      if (properties == nullptr) {
         throw Refusal{kCatalogNotFound,
                       fmt::format("volume {:08X} has no track {}", record_id, index)};
       }
+      if (edit(*properties)) {
+        st_->update_album.Bind(1, aid)
+            .Bind(2, int64_t{Now()})
+            .BindBlob(3, EncodeAlbum(album))
+            .Run();
+      }
+      transaction.Commit();
+    });
+  }
+
+  // The properties of the volume (index 0) or of its track `index`; nullptr
+  // when there is no such track.
+  static PropertySet* PropertiesAt(VolumeRecord& volume, uint32_t index) {
+    if (index == 0) return &volume.properties;
+    for (TrackRecord& t : volume.tracks) {
+      if (t.number == index) return &t.properties;
     }
-    return aid;
+    return nullptr;
+  }
+
+  static void SortTracks(VolumeRecord& v) {
+    std::stable_sort(
+        v.tracks.begin(), v.tracks.end(),
+        [](const TrackRecord& a, const TrackRecord& b) { return a.number < b.number; });
+  }
+
+  // Merges `album` into the stored one: given properties set, others kept; a
+  // name list given non-empty replaces the stored one; volumes matched by
+  // record id (title, length and times taken when given, properties set,
+  // tracks matched by number), new volumes appended, missing ones kept.
+  static void MergeAlbum(AlbumRecord& stored, const AlbumRecord& album) {
+    for (const auto& [id, value] : album.properties.values())
+      stored.properties.Set(id, value);
+    if (!album.artists.empty() || album.various_artists) {
+      stored.artists = album.artists;
+      stored.various_artists = album.various_artists;
+    }
+    if (!album.composers.empty() || album.various_composers) {
+      stored.composers = album.composers;
+      stored.various_composers = album.various_composers;
+    }
+    for (int c = 0; c < kCreditListCount; ++c) {
+      if (!album.credits[c].empty()) stored.credits[c] = album.credits[c];
+    }
+    if (!album.lineup.empty()) stored.lineup = album.lineup;
+    for (const VolumeRecord& v : album.volumes) {
+      auto it = std::find_if(stored.volumes.begin(), stored.volumes.end(),
+                             [&v](const VolumeRecord& s) { return s.record_id == v.record_id; });
+      if (it == stored.volumes.end()) {
+        stored.volumes.push_back(v);
+      } else {
+        MergeVolume(*it, v);
+      }
+    }
+  }
+
+  static void MergeVolume(VolumeRecord& stored, const VolumeRecord& v) {
+    if (!v.title.empty()) stored.title = v.title;
+    if (v.frames != 0) stored.frames = v.frames;
+    if (v.created != 0) stored.created = v.created;
+    if (v.played != 0) stored.played = v.played;
+    for (const auto& [id, value] : v.properties.values())
+      stored.properties.Set(id, value);
+    for (const TrackRecord& t : v.tracks) {
+      auto it = std::find_if(stored.tracks.begin(), stored.tracks.end(),
+                             [&t](const TrackRecord& s) { return s.number == t.number; });
+      if (it == stored.tracks.end()) {
+        stored.tracks.push_back(t);
+        continue;
+      }
+      if (t.frames != 0) it->frames = t.frames;
+      for (const auto& [id, value] : t.properties.values())
+        it->properties.Set(id, value);
+    }
   }
 
   void Touch(int64_t aid) { st_->touch_album.Bind(1, aid).Bind(2, int64_t{Now()}).Run(); }
@@ -1176,8 +1015,8 @@ class SqliteCatalog final : public CatalogEngine {
   Connection db_;
   std::unique_ptr<Statements> st_;
   std::string last_error_;
+  int batch_depth_ = 0;  // open BeginBatch calls
   bool suspended_ = false;
-  int batch_depth_ = 0;
   std::thread::id suspender_;
   platform::FileLock suspend_lock_;
 };

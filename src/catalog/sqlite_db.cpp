@@ -45,11 +45,13 @@ Connection::~Connection() {
   Close();
 }
 
-int Connection::Open(const std::filesystem::path& path, int flags, std::string* message) {
+int Connection::Open(const std::filesystem::path& path, int flags, std::string* message,
+                     const std::string& uri) {
   Close();
   path_ = path.string();
   sqlite3* db = nullptr;
-  const int rc = sqlite3_open_v2(path_.c_str(), &db, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+  const int rc = sqlite3_open_v2(uri.empty() ? path_.c_str() : uri.c_str(), &db,
+                                 flags | SQLITE_OPEN_NOMUTEX, nullptr);
   if (rc != SQLITE_OK) {
     if (message != nullptr) *message = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
     sqlite3_close_v2(db);

@@ -38,9 +38,11 @@ class Connection {
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  /// Opens the file with the sqlite3_open_v2 flags; returns the SQLite code
-  /// (the connection is closed again on failure) and fills *message.
-  int Open(const std::filesystem::path& path, int flags, std::string* message);
+  /// Opens the file (or, with SQLITE_OPEN_URI, the "file:" address `uri`)
+  /// with the sqlite3_open_v2 flags; returns the SQLite code (the connection
+  /// is closed again on failure) and fills *message.
+  int Open(const std::filesystem::path& path, int flags, std::string* message,
+           const std::string& uri = {});
   void Close() noexcept;
   bool is_open() const { return db_ != nullptr; }
   sqlite3* handle() const { return db_; }

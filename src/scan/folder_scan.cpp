@@ -594,7 +594,7 @@ LibraryScanSummary ScanLibrary(FolderScanner& scanner, const std::vector<fs::pat
   size_t batch_writes = 0;
   auto batch_start = std::chrono::steady_clock::now();
   auto end_batch = [&] {
-    if (in_batch && catalog.EndBatch() != kOk) {
+    if (in_batch && catalog.CommitBatch() != kOk) {
       summary.failed += batch_writes;
       summary.failures.emplace_back(fs::path(),
                                     "cannot commit to the catalogue: " + catalog.LastErrorText());

@@ -162,6 +162,15 @@ TEST(SqliteCatalogTest, ReplaceAndMergeModes) {
     EXPECT_EQ(cat->WriteAlbum(bad, WriteMode::kReplace), kInvalidArgument) << c.what;
     EXPECT_NE(cat->LastErrorText().find(c.what), std::string::npos) << cat->LastErrorText();
   }
+  AlbumRecord bad_id = replace;
+  bad_id.id = "not-an-identifier";
+  EXPECT_EQ(cat->WriteAlbum(bad_id, WriteMode::kReplace), kInvalidArgument);
+  EXPECT_NE(cat->LastErrorText().find("16 hexadecimal digits"), std::string::npos);
+  AlbumRecord lower;
+  lower.id = "00000000000000ab";  // a given identifier is kept, in upper case
+  ASSERT_EQ(cat->WriteAlbum(lower, WriteMode::kReplace), kOk);
+  EXPECT_EQ(lower.id, "00000000000000AB");
+  EXPECT_EQ(cat->DeleteAlbum("00000000000000ab"), kOk);
   AlbumRecord other;
   other.volumes = {only};
   EXPECT_EQ(cat->WriteAlbum(other, WriteMode::kReplace), kInvalidArgument);
@@ -200,6 +209,9 @@ TEST(SqliteCatalogTest, SinglePropertiesAndCovers) {
   EXPECT_FALSE(cat->ReadCover(0x12345602));
   EXPECT_EQ(cat->WriteCover(0x12345602, jpeg), kOk);
   EXPECT_EQ(cat->ReadCover(0x12345602), jpeg);
+  // The engine's indexes agree with a walk over the albums themselves.
+  EXPECT_EQ(cat->Counts(), (CatalogCounts{1, 2, 3, 1, 0}));
+  EXPECT_EQ(cat->CatalogEngine::Counts(), cat->Counts());
   EXPECT_EQ(cat->WriteCover(0x12345602, ""), kOk);
   EXPECT_FALSE(cat->ReadCover(0x12345602));
   EXPECT_EQ(cat->WriteCover(0x5, jpeg), kCatalogNotFound);
@@ -396,6 +408,73 @@ TEST(SqliteCatalogTest, CorruptPagesThrowFatalDatabaseError) {
   auto cat = Open(path, CatalogOpenMode::kReadOnly);
   ASSERT_TRUE(cat);
   EXPECT_THROW(cat->ForEachAlbum([](const AlbumRecord&) { return true; }), FatalDatabaseError);
+}
+
+TEST(SqliteCatalogTest, BatchesCommitTogetherAndFailuresStayAlone) {
+  TempDir dir;
+  const auto path = dir / "c.dab";
+  auto writer = Open(path, CatalogOpenMode::kCreate);
+  auto reader = Open(path, CatalogOpenMode::kReadOnly);
+  ASSERT_TRUE(writer && reader);
+  EXPECT_EQ(writer->CommitBatch(), kInvalidArgument);
+  {
+    CatalogBatch batch(*writer);
+    AlbumRecord first = SampleAlbum();
+    ASSERT_EQ(writer->WriteAlbum(first, WriteMode::kReplace), kOk);
+    AlbumRecord clash = SampleAlbum();  // same volume ids: refused, alone
+    EXPECT_EQ(writer->WriteAlbum(clash, WriteMode::kReplace), kInvalidArgument);
+    EXPECT_EQ(writer->SuspendWriting(), kCatalogLocked);
+    EXPECT_EQ(writer->AlbumCount(), 1u);
+    EXPECT_EQ(reader->AlbumCount(), 0u);  // not committed yet
+    EXPECT_EQ(batch.Commit(), kOk);
+  }
+  EXPECT_EQ(reader->AlbumCount(), 1u);
+  // A batch left open is committed when the engine closes.
+  ASSERT_EQ(writer->BeginBatch(), kOk);
+  AlbumRecord second;
+  second.properties.Set(field::kTitle, "Second");
+  ASSERT_EQ(writer->WriteAlbum(second, WriteMode::kReplace), kOk);
+  writer.reset();
+  EXPECT_EQ(reader->AlbumCount(), 2u);
+  EXPECT_EQ(reader->BeginBatch(), kCatalogReadOnly);
+}
+
+TEST(SqliteCatalogTest, DamagedRecordThrowsFatalDatabaseError) {
+  TempDir dir;
+  const auto path = dir / "c.dab";
+  AlbumRecord album = SampleAlbum();
+  AlbumRecord intact;
+  intact.properties.Set(field::kTitle, "Intact");
+  {
+    auto cat = Open(path, CatalogOpenMode::kCreate);
+    ASSERT_TRUE(cat);
+    ASSERT_EQ(cat->WriteAlbum(album, WriteMode::kReplace), kOk);
+    ASSERT_EQ(cat->WriteAlbum(intact, WriteMode::kReplace), kOk);
+  }
+  // Cut the last bytes off one album's record, as a foreign writer might.
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  const std::string sql =
+      "UPDATE albums SET record = substr(record, 1, length(record) - 5) "
+      "WHERE id = '" +
+      album.id + "'";
+  const int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
+  sqlite3_close(db);
+  ASSERT_EQ(rc, SQLITE_OK);
+
+  auto cat = Open(path, CatalogOpenMode::kReadOnly);
+  ASSERT_TRUE(cat);
+  try {
+    cat->ReadVolume(0x12345602);
+    ADD_FAILURE() << "no exception";
+  } catch (const FatalDatabaseError& e) {
+    EXPECT_EQ(e.path(), path.string());
+    EXPECT_NE(std::string(e.what()).find("damaged record: album " + album.id), std::string::npos)
+        << e.what();
+  }
+  EXPECT_THROW(cat->ReadAlbum(album.id), FatalDatabaseError);
+  EXPECT_THROW(cat->ForEachAlbum([](const AlbumRecord&) { return true; }), FatalDatabaseError);
+  EXPECT_EQ(cat->ReadAlbum(intact.id)->properties.Text(field::kTitle), "Intact");
 }
 
 }  // namespace

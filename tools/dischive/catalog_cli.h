@@ -19,8 +19,11 @@ std::filesystem::path DefaultCliDatabase(const Context& context);
 void AddDatabaseOption(CLI::App* command, std::string& db_path);
 
 /// Opens the catalogue named by --db (empty: the default database, created on
-/// first use under $XDG_DATA_HOME/dischive/). Throws CommandError with a clear
-/// message when it cannot be opened.
+/// first use). A file named by --db must exist ("dischive catalog create"
+/// makes one), so that a mistyped name never starts a new catalogue. With
+/// `for_writing` the engine holds the write lock; another writing process
+/// makes this fail. Throws CommandError (exit code 1) with a one-line message
+/// when the catalogue cannot be opened.
 std::unique_ptr<CatalogEngine> OpenCliCatalog(const Context& context, const std::string& db_path,
                                               bool for_writing);
 
