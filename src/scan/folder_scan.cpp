@@ -35,6 +35,8 @@ constexpr std::string_view kPlaceholderAlbums[] = {"Unknown Album", "New Album",
                                                    "New Title", "Title"};
 constexpr std::string_view kPlaceholderArtists[] = {"Unknown Artist", "New Artist", "Artist"};
 
+// Per-folder settings files larger than this are ignored.
+constexpr uintmax_t kMaxSettingsBytes = 1u << 20;
 // Cover pictures larger than this are not stored.
 constexpr uint64_t kMaxCoverBytes = 16u << 20;
 
@@ -218,7 +220,13 @@ FolderScanResult FolderScanner::ScanFiles(const fs::path& folder, const FolderLi
   const std::string section =
       options_.section.empty() ? std::string(kDefaultSection) : options_.section;
   const fs::path settings_path = listing.settings_file.value_or(folder / kSettingsFile);
-  const IniDocument ini = settings_path.empty() ? IniDocument() : IniDocument::Load(settings_path);
+  IniDocument ini;
+  if (!settings_path.empty()) {
+    // A settings file holds a few lines; anything far larger is not one.
+    std::error_code ec;
+    const uintmax_t size = fs::file_size(settings_path, ec);
+    if (!ec && size <= kMaxSettingsBytes) ini = IniDocument::Load(settings_path);
+  }
   if (!options_.forced && !options_.ignore_exclusions) {
     auto excluded = [&ini](std::string_view s) {
       const std::optional<std::string> v = ini.Get(s, "Exclude");
