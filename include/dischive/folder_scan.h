@@ -222,7 +222,7 @@ struct FolderScanResult {
   FolderOutcome outcome = FolderOutcome::kNoFiles;
   int result = 0;               ///< 1 when the folder belongs to a record, else 0
   uint32_t record_id = 0;       ///< the record written or found
-  std::string album_id;         ///< the album written
+  std::string album_id;         ///< the album written (empty when nothing was written)
   size_t files = 0;             ///< media files found
   size_t unreadable_files = 0;  ///< files no reader took
   HResult error = kOk;
@@ -266,8 +266,6 @@ class FolderScanner {
 
  private:
   void Log(std::string_view line);
-  // The folder a scanned volume was read from ("" when not known).
-  std::string VolumeFolder(uint32_t record_id);
 
   CatalogEngine& catalog_;
   FolderScanOptions options_;

@@ -192,12 +192,6 @@ FolderScanner::FolderScanner(CatalogEngine& catalog, FolderScanOptions options)
 
 FolderScanner::~FolderScanner() = default;
 
-std::string FolderScanner::VolumeFolder(uint32_t record_id) {
-  const auto owner = catalog_.GetVolumeProperty(record_id, field::kScanFolder, 0);
-  return owner && std::holds_alternative<std::string>(*owner) ? std::get<std::string>(*owner)
-                                                              : std::string();
-}
-
 void FolderScanner::Log(std::string_view line) {
   if (options_.log != nullptr) options_.log->Write(line);
 }
@@ -250,48 +244,49 @@ FolderScanResult FolderScanner::ScanFiles(const fs::path& folder, const FolderLi
 
   try {
     // The record of this folder: the attached one, the one the folder became
-    // last time, or the one its files compute to.
+    // last time, or the one its files compute to. One read of the volume
+    // answers both whether it exists and what it was scanned from.
     const std::string key = FolderKey(folder);
-    std::optional<std::string> album_id;
+    std::optional<VolumeRecord> existing;
     uint32_t id = 0;
     if (attached) {
       id = *attached;
-      album_id = catalog_.FindAlbumOfVolume(id);
+      existing = catalog_.ReadVolume(id);
     } else {
       if (const auto remembered = catalog_.GetDatabaseProperty(kFolderIdGroup, key)) {
         if (const auto parsed = ParseRecordId(*remembered)) {
           // Only while the record still belongs to this folder: a deleted
           // album's id may since have gone to another folder.
-          album_id = catalog_.FindAlbumOfVolume(*parsed);
-          if (album_id && VolumeFolder(*parsed) == key) {
+          existing = catalog_.ReadVolume(*parsed);
+          if (existing && existing->properties.Text(field::kScanFolder) == key) {
             id = *parsed;
           } else {
-            album_id.reset();
+            existing.reset();
           }
         }
       }
-      if (!album_id) {
+      if (!existing) {
         id = FolderRecordId(listing);
         // Two folders whose files have the same sizes compute the same id; the
         // record stays with the folder that still exists, and this one takes
         // the next free checksum byte.
         for (int attempt = 0; attempt < 255; ++attempt) {
-          album_id = catalog_.FindAlbumOfVolume(id);
-          if (!album_id) break;
-          const std::string owner_path = VolumeFolder(id);
+          existing = catalog_.ReadVolume(id);
+          if (!existing) break;
+          const std::string owner_path = existing->properties.Text(field::kScanFolder);
           std::error_code ec;
           if (owner_path.empty() || owner_path == key || !fs::is_directory(owner_path, ec)) break;
           id = (((id >> 24) + 1) % 255) << 24 | (id & 0x00FFFFFF);
-          album_id.reset();
+          existing.reset();
         }
       }
     }
     result.record_id = id;
 
-    if (album_id && (flags & scan_flags::kNeverSkipUnchanged) == 0) {
+    if (existing && (flags & scan_flags::kNeverSkipUnchanged) == 0) {
       auto int_property = [&](field::FieldId field) -> std::optional<uint32_t> {
-        const auto v = catalog_.GetVolumeProperty(id, field, 0);
-        if (!v || !std::holds_alternative<int32_t>(*v)) return std::nullopt;
+        const PropertyValue* v = existing->properties.Find(field);
+        if (v == nullptr || !std::holds_alternative<int32_t>(*v)) return std::nullopt;
         return static_cast<uint32_t>(std::get<int32_t>(*v));
       };
       const auto stamp = int_property(field::kScanStamp);
@@ -303,10 +298,11 @@ FolderScanResult FolderScanner::ScanFiles(const fs::path& folder, const FolderLi
         Log("Folder skipped due to existing record");
         result.outcome = FolderOutcome::kUnchanged;
         result.result = 1;
-        result.album_id = *album_id;
         return result;
       }
     }
+    std::optional<std::string> album_id;
+    if (existing) album_id = catalog_.FindAlbumOfVolume(id);
 
     // Read every file.
     const bool underscores = (flags & scan_flags::kUnderscoreToBlank) != 0;
