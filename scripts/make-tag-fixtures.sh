@@ -85,7 +85,7 @@ ff -i "$work/tone16k.wav" -c:a wmav2 -b:a 32k \
   -metadata WM/Year=2003 -metadata genre="Rock" -metadata comment="Wma comment" \
   -metadata WM/Track=4 -metadata WM/PartOfSet=1 $exact "$out/tagged.wma"
 
-# RIFF/WAVE with a LIST INFO chunk and an odd-sized chunk before "data".
+# RIFF/WAVE, 8-bit, with a LIST/INFO chunk whose odd-sized title is padded.
 ff -i "$work/tone8k.wav" -c:a pcm_u8 -metadata title="Wave Title" -metadata artist="Wave Artist" \
   $exact "$out/tagged.wav"
 

@@ -74,7 +74,7 @@ class FileSource final : public ByteSource {
   int64_t Size() override;
 
  private:
-  static constexpr size_t kWindowSize = 8192;
+  static constexpr size_t kWindowSize = 16384;
   explicit FileSource(std::unique_ptr<platform::ReadOnlyFile> file);
 
   std::unique_ptr<platform::ReadOnlyFile> file_;

@@ -49,7 +49,7 @@ bool IsGuid(std::span<const uint8_t> bytes, const Guid& guid) {
 // UTF-16LE text without its terminating NUL characters.
 std::string WideText(std::span<const uint8_t> bytes) {
   std::string text =
-      Utf16BytesToUtf8(bytes.first(bytes.size() & ~size_t{1}), ByteOrder::kLittleEndian);
+      detail::Utf16Text(bytes.first(bytes.size() & ~size_t{1}), ByteOrder::kLittleEndian);
   while (!text.empty() && text.back() == '\0')
     text.pop_back();
   return text;

@@ -94,11 +94,11 @@ std::string Resynchronise(std::span<const uint8_t> data) {
 std::string DecodeText(uint8_t encoding, std::span<const uint8_t> bytes) {
   switch (encoding) {
     case 0:
-      return Latin1ToUtf8(detail::AsText(bytes));
+      return detail::Latin1Text(bytes);
     case 1:
-      return Utf16BytesToUtf8(bytes, ByteOrder::kLittleEndian);  // the BOM decides
+      return detail::Utf16Text(bytes, ByteOrder::kLittleEndian);  // the BOM decides
     case 2:
-      return Utf16BytesToUtf8(bytes, ByteOrder::kBigEndian);
+      return detail::Utf16Text(bytes, ByteOrder::kBigEndian);
     default:
       return SanitizeUtf8(detail::AsText(bytes));
   }
@@ -148,8 +148,18 @@ std::vector<std::string> TextValues(std::span<const uint8_t> frame) {
 }
 
 std::string FirstText(std::span<const uint8_t> frame) {
-  std::vector<std::string> values = TextValues(frame);
-  return values.empty() ? std::string() : std::move(values.front());
+  if (frame.empty() || frame[0] > 3) return {};
+  std::span<const uint8_t> rest = frame.subspan(1);
+  while (!rest.empty()) {
+    size_t end = 0;
+    const size_t length = TerminatedLength(frame[0], rest, end);
+    if (length > 0) {
+      std::string value = DecodeText(frame[0], rest.first(length));
+      if (!value.empty()) return value;
+    }
+    rest = rest.subspan(end);
+  }
+  return {};
 }
 
 // COMM/COM and USLT/ULT: encoding, 3-byte language, terminated short

@@ -55,16 +55,19 @@ bool ReadHeaderPackets(ByteSource& file, std::string& ident, std::string& commen
       if (!file.Seek(static_cast<int64_t>(body), SeekFrom::kCurrent)) return false;
       continue;
     }
-    std::string data(body, '\0');
-    if (file.Read(data.data(), body) != body) return false;
-    size_t pos = 0;
+    // Segments go straight into their packet; those of later packets are
+    // skipped.
+    size_t rest = body;
     for (size_t i = 0; i < segments && packet < 2; ++i) {
       std::string& out = *packets[packet];
       if (out.size() + lacing[i] > kMaxLength * 2u) return false;
-      out.append(data, pos, lacing[i]);
-      pos += lacing[i];
+      const size_t old_size = out.size();
+      out.resize(old_size + lacing[i]);
+      if (file.Read(out.data() + old_size, lacing[i]) != lacing[i]) return false;
+      rest -= lacing[i];
       if (lacing[i] < 255) ++packet;  // the packet ends in this segment
     }
+    if (rest > 0 && !file.Seek(static_cast<int64_t>(rest), SeekFrom::kCurrent)) return false;
   }
   return packet >= 2;
 }
@@ -101,7 +104,7 @@ int64_t LastGranule(ByteSource& file, uint32_t serial) {
   const int64_t size = file.Size();
   if (size < static_cast<int64_t>(kPageHeaderSize)) return -1;
   // A page is at most 27 + 255 + 255 * 255 bytes; start with a small tail.
-  for (int64_t tail : {int64_t{8192}, int64_t{65536 + 512}}) {
+  for (int64_t tail : {int64_t{4096}, int64_t{65536 + 512}}) {
     const int64_t length = std::min(size, tail);
     std::string buffer(static_cast<size_t>(length), '\0');
     if (!file.Seek(size - length, SeekFrom::kStart) ||
@@ -122,36 +125,65 @@ int64_t LastGranule(ByteSource& file, uint32_t serial) {
   return -1;
 }
 
-// Reads the comment header body (after its marker) from `in`. Any length
-// that is zero or not below 32 MiB, or any short read, discards the header.
-bool ReadCommentBody(ByteSource& in, MediaFileTags& tags) {
-  const int64_t size = in.Size();
-  auto fits = [&](uint32_t length) { return size < 0 || length <= size - in.Tell(); };
-  uint8_t number[4];
-  if (in.Read(number, 4) != 4) return false;
-  const uint32_t vendor_length = detail::Le32(number);
-  if (vendor_length == 0 || vendor_length >= kMaxLength || !fits(vendor_length) ||
-      !in.Seek(vendor_length, SeekFrom::kCurrent) || in.Read(number, 4) != 4) {
-    return false;
-  }
-  uint32_t count = detail::Le32(number);
-  if (size >= 0) {
+// Walks the comment header body (after its marker): vendor length and
+// string, count, then each comment's length and text. Any length that is
+// zero or not below 32 MiB, or that runs past the body, discards the whole
+// header; `visit` sees the comments only once all are known good.
+template <typename Visit>
+bool WalkCommentBody(std::span<const uint8_t> body, Visit visit) {
+  for (int pass = 0; pass < 2; ++pass) {
+    detail::ByteCursor in(body);
+    uint32_t vendor_length = 0, count = 0;
+    if (!in.Le32(vendor_length) || vendor_length == 0 || vendor_length >= kMaxLength ||
+        !in.Skip(vendor_length) || !in.Le32(count)) {
+      return false;
+    }
     // Each comment needs at least its 4-byte length.
+    if (count > in.remaining() / 4) count = static_cast<uint32_t>(in.remaining() / 4);
+    for (uint32_t i = 0; i < count; ++i) {
+      uint32_t length = 0;
+      std::span<const uint8_t> text;
+      if (!in.Le32(length) || length == 0 || length >= kMaxLength || !in.Bytes(length, text)) {
+        return false;
+      }
+      if (pass == 1) visit(detail::AsText(text));
+    }
+  }
+  return true;
+}
+
+bool ParseCommentBody(std::span<const uint8_t> body, MediaFileTags& tags) {
+  return WalkCommentBody(body, [&](std::string_view text) { MapVorbisField(text, tags, true); });
+}
+
+// Without a page structure the body is read on from the marker, as far as
+// its lengths say (each below 32 MiB and within the file).
+bool ReadRawCommentBody(ByteSource& in, MediaFileTags& tags) {
+  const int64_t size = in.Size();
+  std::string body;
+  auto take = [&](uint64_t length) {
+    if (length >= kMaxLength || (size >= 0 && static_cast<int64_t>(length) > size - in.Tell())) {
+      return false;
+    }
+    const size_t old_size = body.size();
+    body.resize(old_size + length);
+    return in.Read(body.data() + old_size, length) == length;
+  };
+  if (!take(4)) return false;
+  const uint32_t vendor_length = detail::Le32(reinterpret_cast<const uint8_t*>(body.data()));
+  if (vendor_length == 0 || !take(vendor_length) || !take(4)) return false;
+  uint32_t count = detail::Le32(reinterpret_cast<const uint8_t*>(body.data()) + body.size() - 4);
+  if (size >= 0) {
     const int64_t left = std::max<int64_t>(0, size - in.Tell());
     if (count > left / 4) count = static_cast<uint32_t>(left / 4);
   }
-  std::vector<std::string> comments;
   for (uint32_t i = 0; i < count; ++i) {
-    if (in.Read(number, 4) != 4) return false;
-    const uint32_t length = detail::Le32(number);
-    if (length == 0 || length >= kMaxLength || !fits(length)) return false;
-    std::string text(length, '\0');
-    if (in.Read(text.data(), length) != length) return false;
-    comments.push_back(std::move(text));
+    if (!take(4)) return false;
+    const uint32_t length =
+        detail::Le32(reinterpret_cast<const uint8_t*>(body.data()) + body.size() - 4);
+    if (length == 0 || !take(length)) return false;
   }
-  for (const std::string& comment : comments)
-    MapVorbisField(comment, tags, true);
-  return true;
+  return ParseCommentBody(detail::AsBytes(body), tags);
 }
 
 }  // namespace
@@ -204,12 +236,11 @@ bool ReadOggVorbisInfo(ByteSource& file, MediaFileTags& tags, bool want_tags) {
   if (vorbis) {
     // The packet reassembled from its pages: page headers inside a long
     // comment packet are not part of it.
-    MemorySource body(std::string_view(comment).substr(kCommentMarker.size()));
-    parsed = ReadCommentBody(body, result);
+    parsed = ParseCommentBody(detail::AsBytes(comment).subspan(kCommentMarker.size()), result);
   } else {
     // No usable page structure: read on from the marker.
     parsed = file.Seek(static_cast<int64_t>(marker + kCommentMarker.size()), SeekFrom::kStart) &&
-             ReadCommentBody(file, result);
+             ReadRawCommentBody(file, result);
   }
   if (!parsed) {
     // A discarded header still leaves a recognised Ogg Vorbis file.

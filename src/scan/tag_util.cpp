@@ -74,6 +74,36 @@ bool IsUtf8(std::string_view text) {
   return true;
 }
 
+std::string Latin1Text(std::span<const uint8_t> bytes) {
+  for (uint8_t c : bytes) {
+    if (c >= 0x80) return Latin1ToUtf8(AsText(bytes));
+  }
+  return std::string(AsText(bytes));
+}
+
+std::string Utf16Text(std::span<const uint8_t> bytes, ByteOrder order) {
+  // Most tag texts are ASCII: narrow them without the general conversion.
+  size_t start = 0;
+  if (bytes.size() >= 2 &&
+      ((bytes[0] == 0xFF && bytes[1] == 0xFE) || (bytes[0] == 0xFE && bytes[1] == 0xFF))) {
+    order = bytes[0] == 0xFF ? ByteOrder::kLittleEndian : ByteOrder::kBigEndian;
+    start = 2;
+  }
+  if ((bytes.size() - start) % 2 == 0) {
+    const size_t low = order == ByteOrder::kLittleEndian ? 0 : 1;
+    std::string out((bytes.size() - start) / 2, '\0');
+    bool ascii = true;
+    for (size_t i = 0; i < out.size() && ascii; ++i) {
+      const uint8_t a = bytes[start + 2 * i + low];
+      const uint8_t b = bytes[start + 2 * i + (1 - low)];
+      ascii = b == 0 && a < 0x80;
+      out[i] = static_cast<char>(a);
+    }
+    if (ascii) return out;
+  }
+  return Utf16BytesToUtf8(bytes, order);
+}
+
 std::string TagTextToUtf8(std::string_view text, bool strict) {
   if (IsUtf8(text)) return std::string(text);
   return strict ? SanitizeUtf8(text) : Cp1252ToUtf8(text);

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "dischive/tag_readers.h"
+#include "dischive/text.h"
 
 namespace dischive::detail {
 
@@ -97,6 +98,13 @@ int32_t ParseLeadingInt(std::string_view text);
 
 /// True when the text is well-formed UTF-8 (a fast check for tag texts).
 bool IsUtf8(std::string_view text);
+
+/// ISO-8859-1 text to UTF-8, copying ASCII text as it stands.
+std::string Latin1Text(std::span<const uint8_t> bytes);
+
+/// UTF-16 text (a byte order mark decides the order, else `order`) to UTF-8,
+/// narrowing text that is all ASCII directly.
+std::string Utf16Text(std::span<const uint8_t> bytes, ByteOrder order);
 
 /// Text of a tag that should be UTF-8: with `strict`, malformed sequences are
 /// replaced; otherwise text that is not valid UTF-8 is taken as Windows-1252.

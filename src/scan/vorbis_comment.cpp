@@ -64,12 +64,13 @@ constexpr FieldRule kFieldRules[] = {
 }  // namespace
 
 void MapVorbisField(std::string_view comment, MediaFileTags& tags, bool convert) {
-  const std::string text = detail::TagTextToUtf8(comment, convert);
-  const size_t eq = text.find('=');
-  if (eq == std::string::npos || eq == 0) return;
-  const std::string_view name = std::string_view(text).substr(0, eq);
-  const std::string value(TrimBlanks(std::string_view(text).substr(eq + 1)));
-  if (value.empty()) return;
+  // The name is ASCII, so only the value needs converting; blanks are the
+  // same bytes before and after conversion.
+  const size_t eq = comment.find('=');
+  if (eq == std::string_view::npos || eq == 0) return;
+  const std::string_view name = comment.substr(0, eq);
+  const std::string_view raw_value = TrimBlanks(comment.substr(eq + 1));
+  if (raw_value.empty()) return;
 
   // Upper-case the name once (no name of the table is longer than 12).
   char upper[12];
@@ -86,14 +87,15 @@ void MapVorbisField(std::string_view comment, MediaFileTags& tags, bool convert)
       break;
     }
   }
-  if (rule == nullptr) return;
+  if (rule == nullptr || rule->action == Action::kIgnore) return;
+  std::string value = detail::TagTextToUtf8(raw_value, convert);
 
   switch (rule->action) {
     case Action::kTitle:
-      tags.title = value;
+      tags.title = std::move(value);
       break;
     case Action::kAlbum:
-      tags.album = value;
+      tags.album = std::move(value);
       break;
     case Action::kTrack: {
       const int32_t n = detail::ParseLeadingInt(value);
@@ -102,7 +104,7 @@ void MapVorbisField(std::string_view comment, MediaFileTags& tags, bool convert)
     }
     case Action::kArtist:
       if (tags.artist.empty()) {
-        tags.artist = value;
+        tags.artist = std::move(value);
       } else {
         tags.artist += ", ";
         tags.artist += value;
@@ -111,26 +113,26 @@ void MapVorbisField(std::string_view comment, MediaFileTags& tags, bool convert)
     case Action::kArtistSort:
       // A second sort name makes the sort order ambiguous: keep none.
       if (tags.artistSort.empty()) {
-        tags.artistSort = value;
+        tags.artistSort = std::move(value);
       } else {
         tags.artistSort.clear();
       }
       break;
     case Action::kPerformer:
-      tags.performer = value;
+      tags.performer = std::move(value);
       break;
     case Action::kDescription:
     case Action::kComment:
-      if (tags.comment.empty()) tags.comment = value;
+      if (tags.comment.empty()) tags.comment = std::move(value);
       break;
     case Action::kGenre:
-      tags.genre = value;
+      tags.genre = std::move(value);
       break;
     case Action::kDate:
-      tags.year = value;
+      tags.year = std::move(value);
       break;
     case Action::kComposer:
-      tags.composer = value;
+      tags.composer = std::move(value);
       break;
     case Action::kBpm: {
       const int32_t n = detail::ParseLeadingInt(value);
@@ -138,16 +140,16 @@ void MapVorbisField(std::string_view comment, MediaFileTags& tags, bool convert)
       break;
     }
     case Action::kConductor:
-      tags.conductor = value;
+      tags.conductor = std::move(value);
       break;
     case Action::kLyricist:
-      tags.lyricist = value;
+      tags.lyricist = std::move(value);
       break;
     case Action::kLabel:
-      tags.label = value;
+      tags.label = std::move(value);
       break;
     case Action::kLyrics:
-      tags.lyrics = value;
+      tags.lyrics = std::move(value);
       break;
     case Action::kDisc: {
       const int32_t n = detail::ParseLeadingInt(value);

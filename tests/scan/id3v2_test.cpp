@@ -76,6 +76,16 @@ TEST(Id3v2, ReadsEachVersionAndEncoding) {
   }
 }
 
+TEST(Id3v2, ReadsAsciiInEveryEncoding) {
+  const std::vector<std::string> data = {std::string("\x00OK", 3),
+                                         std::string("\x01\xFF\xFEO\0K\0", 7),
+                                         std::string("\x01\xFE\xFF\0O\0K", 7),
+                                         std::string("\x02\0O\0K", 5), std::string("\x03OK\0", 4)};
+  for (const std::string& d : data) {
+    EXPECT_EQ(ReadTag(Tag(4, Frame(4, "TALB", d))).album, "OK") << static_cast<int>(d[0]);
+  }
+}
+
 TEST(Id3v2, MapsTheFramesOfVersions22And23) {
   const std::string v22 = Frame(2, "TP1", Latin1("Art")) + Frame(2, "TAL", Latin1("Alb")) +
                           Frame(2, "TYE", Latin1("1999")) + Frame(2, "TRK", Latin1("5/9")) +
