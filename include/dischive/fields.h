@@ -117,4 +117,7 @@ inline constexpr FieldId kText[10] = {0x7E470001, 0x7E470002, 0x7E470003, 0x7E47
 inline constexpr FieldId kDate[5] = {0xDA7E0001, 0xDA7E0002, 0xDA7E0003, 0xDA7E0004, 0xDA7E0005};
 inline constexpr FieldId kMemo[5] = {0x3E3A0001, 0x3E3A0002, 0x3E3A0003, 0x3E3A0004, 0x3E3A0005};
 
+// Folder scan: the folder a scanned volume was read from (index 0).
+inline constexpr FieldId kScanFolder = 0x3B7D19C7;
+
 }  // namespace dischive::field

@@ -1,0 +1,30 @@
+// Listing a folder with the type, size and modification time of each entry:
+// the stand-in for the find-first/find-next calls.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace dischive::platform {
+
+struct FolderEntry {
+  std::string name;
+  bool is_directory = false;  ///< a folder (a symbolic link to one counts only with `follow`)
+  bool is_regular = false;    ///< a regular file (also through a symbolic link)
+  bool is_symlink = false;
+  uint64_t size = 0;
+  int64_t mtime_ns = 0;  ///< modification time, nanoseconds since 1970
+};
+
+/// Lists the entries of a folder except "." and "..", in the order the file
+/// system returns them. With `with_status` every entry's type, size and time
+/// come from one status call relative to the open folder (symbolic links
+/// followed); without it only the type is filled, from the folder listing where
+/// the file system provides it. Entries that vanish meanwhile are left out.
+/// Returns 0 or the errno of opening or reading the folder.
+int ListFolder(const std::filesystem::path& folder, std::vector<FolderEntry>& entries,
+               bool with_status);
+
+}  // namespace dischive::platform

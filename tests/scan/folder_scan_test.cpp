@@ -1,0 +1,384 @@
+// The folder scan on real folders of real MP3 files (an encoder's stream with
+// ID3v2 tags put in front) into a real catalogue file.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "dischive/folder_scan.h"
+#include "dischive/sqlite_catalog.h"
+#include "support/temp_dir.h"
+
+namespace dischive {
+namespace {
+
+namespace fs = std::filesystem;
+using test::TempDir;
+using test::WriteFile;
+
+const std::string& ToneMp3() {
+  static const std::string bytes =
+      test::ReadFile(fs::path(DISCHIVE_TEST_DATA_DIR) / "scan" / "tone.mp3");
+  return bytes;
+}
+
+struct Tags {
+  std::string title, artist, album, comment;
+};
+
+// An MP3 file: an ID3v2.3 tag with Latin-1 frames, then the encoder's stream.
+std::string Mp3(const Tags& tags) {
+  std::string body;
+  auto frame = [&body](const char* id, const std::string& payload) {
+    const auto size = static_cast<uint32_t>(payload.size());
+    body += id;
+    for (int shift = 24; shift >= 0; shift -= 8)
+      body.push_back(static_cast<char>(size >> shift));
+    body += std::string(2, '\0');
+    body += payload;
+  };
+  auto text = [&frame](const char* id, const std::string& value) {
+    if (!value.empty()) frame(id, std::string(1, '\0') + value);
+  };
+  text("TIT2", tags.title);
+  text("TPE1", tags.artist);
+  text("TALB", tags.album);
+  if (!tags.comment.empty()) frame("COMM", std::string("\0eng\0", 5) + tags.comment);
+  std::string tag = "ID3" + std::string("\x03\x00\x00", 3);
+  const auto size = static_cast<uint32_t>(body.size());
+  for (int shift = 21; shift >= 0; shift -= 7)
+    tag.push_back(static_cast<char>((size >> shift) & 0x7F));
+  return tag + body + ToneMp3();
+}
+
+class FolderScanTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_FALSE(ToneMp3().empty()) << "tests/data/scan/tone.mp3 missing";
+    HResult error = kOk;
+    std::string message;
+    catalog_ =
+        OpenSqliteCatalog(dir_ / "db" / "catalog.dab", CatalogOpenMode::kCreate, &error, &message);
+    ASSERT_NE(catalog_, nullptr) << message;
+    options_.log = &log_;
+  }
+
+  FolderScanResult Scan(const fs::path& folder) {
+    lines_.clear();
+    FolderScanner scanner(*catalog_, options_);
+    return scanner.ScanFolder(folder, dir_.path());
+  }
+
+  // The scanned volume's tracks: title and number.
+  std::vector<std::pair<uint32_t, std::string>> Tracks(uint32_t record_id) {
+    std::vector<std::pair<uint32_t, std::string>> out;
+    const std::optional<VolumeRecord> volume = catalog_->ReadVolume(record_id);
+    if (!volume) return out;
+    for (const TrackRecord& t : volume->tracks)
+      out.emplace_back(t.number, t.properties.Text(field::kTrackTitle));
+    return out;
+  }
+
+  AlbumRecord Album(const FolderScanResult& r) {
+    const auto album = catalog_->ReadAlbum(r.album_id);
+    return album ? *album : AlbumRecord{};
+  }
+
+  TempDir dir_;
+  std::unique_ptr<CatalogEngine> catalog_;
+  std::vector<std::string> lines_;
+  ScanLog log_{[this](std::string_view line) { lines_.emplace_back(line); }};
+  FolderScanOptions options_;
+};
+
+bool HasLine(const std::vector<std::string>& lines, const std::string& line) {
+  return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+TEST_F(FolderScanTest, ExclusionAndAttachment) {
+  const fs::path folder = dir_ / "Artist" / "Album";
+  WriteFile(folder / "01.mp3", Mp3({"One", "Artist", "Album", ""}));
+  WriteFile(folder / "02.mp3", Mp3({"Two", "Artist", "Album", ""}));
+
+  struct Case {
+    const char* ini;
+    const char* section;
+    bool forced;
+    FolderOutcome outcome;
+    int result;
+    const char* line;
+  };
+  const Case cases[] = {
+      {"[ScanOptions]\nExclude=1\n", "", false, FolderOutcome::kExcluded, 0, "Folder excluded"},
+      {"[Mine]\nExclude=1\n", "Mine", false, FolderOutcome::kExcluded, 0, "Folder excluded"},
+      {"[ScanOptions]\nExclude=1\n", "Mine", false, FolderOutcome::kExcluded, 0, "Folder excluded"},
+      {"[Mine]\nExclude=1\n", "", false, FolderOutcome::kAdded, 1, "Folder finished"},
+      {"[ScanOptions]\nExclude=0\nID=12345665\n", "", false, FolderOutcome::kAttached, 1,
+       "Folder skipped due to attached record"},
+      {"[ScanOptions]\nExclude=1\nID=00000001\n", "", true, FolderOutcome::kAttached, 1,
+       "Folder skipped due to attached record"},
+      {"[ScanOptions]\nID=12345666\n", "", false, FolderOutcome::kAdded, 1, "Folder finished"},
+      {"[ScanOptions]\nID=12345666\n", "", false, FolderOutcome::kUnchanged, 1,
+       "Folder skipped due to existing record"},
+  };
+  for (const Case& c : cases) {
+    WriteFile(folder / "dischive.ini", c.ini);
+    options_.section = c.section;
+    options_.forced = c.forced;
+    const FolderScanResult r = Scan(folder);
+    EXPECT_EQ(r.outcome, c.outcome) << c.ini << " section " << c.section;
+    EXPECT_EQ(r.result, c.result) << c.ini;
+    EXPECT_TRUE(HasLine(lines_, c.line)) << c.ini;
+    EXPECT_TRUE(HasLine(lines_, "Processing folder with 2 files"));
+    if (c.outcome == FolderOutcome::kAdded && std::string(c.ini).find("ID=") == std::string::npos) {
+      ASSERT_TRUE(catalog_->DeleteAlbum(r.album_id) == kOk);
+    }
+  }
+  // The attached id is the record's id.
+  EXPECT_TRUE(catalog_->FindAlbumOfVolume(0x12345666));
+  EXPECT_FALSE(catalog_->FindAlbumOfVolume(0x12345665));
+  EXPECT_EQ(catalog_->AlbumCount(), 1u);
+}
+
+TEST_F(FolderScanTest, UnchangedFolderSkippedAndChangedOneRescanned) {
+  const fs::path folder = dir_ / "Artist" / "Album";
+  WriteFile(folder / "01.mp3", Mp3({"One", "Artist", "Album", ""}));
+  WriteFile(folder / "02.mp3", Mp3({"Two", "Artist", "Album", ""}));
+
+  const FolderScanResult first = Scan(folder);
+  ASSERT_EQ(first.outcome, FolderOutcome::kAdded) << first.message;
+  EXPECT_EQ(lines_.back(), "Folder finished");
+  FolderListing listing;
+  EnumerateFolder(folder, options_.extensions, listing);
+  EXPECT_EQ(first.record_id, FolderRecordId(listing));
+
+  EXPECT_EQ(Scan(folder).outcome, FolderOutcome::kUnchanged);
+  EXPECT_EQ(lines_.back(), "Folder skipped due to existing record");
+
+  // A new modification time alone makes the folder scanned again, into the
+  // same album and record.
+  fs::last_write_time(folder / "02.mp3",
+                      fs::last_write_time(folder / "02.mp3") + std::chrono::seconds(5));
+  FolderScanResult r = Scan(folder);
+  EXPECT_EQ(r.outcome, FolderOutcome::kUpdated);
+  EXPECT_EQ(r.album_id, first.album_id);
+  EXPECT_EQ(Scan(folder).outcome, FolderOutcome::kUnchanged);
+
+  // A file more changes the size and the computed id; the album is updated.
+  WriteFile(folder / "03.mp3", Mp3({"Three", "Artist", "Album", ""}));
+  r = Scan(folder);
+  EXPECT_EQ(r.outcome, FolderOutcome::kUpdated);
+  EXPECT_EQ(r.album_id, first.album_id);
+  EXPECT_EQ(Tracks(r.record_id).size(), 3u);
+  EXPECT_EQ(catalog_->AlbumCount(), 1u);
+
+  // Other flags in the compared bits rescan; the never-skip flag always does.
+  options_.flags = scan_flags::kDefault | 0x02;
+  EXPECT_EQ(Scan(folder).outcome, FolderOutcome::kUpdated);
+  EXPECT_EQ(Scan(folder).outcome, FolderOutcome::kUnchanged);
+  options_.flags |= 0x20000000;  // beyond the compared bits
+  EXPECT_EQ(Scan(folder).outcome, FolderOutcome::kUnchanged);
+  options_.flags |= scan_flags::kNeverSkipUnchanged;
+  EXPECT_EQ(Scan(folder).outcome, FolderOutcome::kUpdated);
+  // A different extension list changes the third value.
+  options_.flags = scan_flags::kDefault | 0x02;
+  options_.extensions = {"mp3", "flac"};
+  EXPECT_EQ(Scan(folder).outcome, FolderOutcome::kUpdated);
+
+  // Removing a file drops its track.
+  fs::remove(folder / "01.mp3");
+  r = Scan(folder);
+  EXPECT_EQ(r.outcome, FolderOutcome::kUpdated);
+  EXPECT_EQ(Tracks(r.record_id),
+            (std::vector<std::pair<uint32_t, std::string>>{{1, "Two"}, {2, "Three"}}));
+}
+
+TEST_F(FolderScanTest, TrackNumbersFromNames) {
+  const fs::path numbered = dir_ / "Numbered";
+  WriteFile(numbered / "Track 1.mp3", Mp3({"", "A", "X", ""}));
+  WriteFile(numbered / "track2.mp3", Mp3({"", "A", "X", ""}));
+  WriteFile(numbered / "TRACK 03.mp3", Mp3({"", "A", "X", ""}));
+  FolderScanResult r = Scan(numbered);
+  ASSERT_EQ(r.outcome, FolderOutcome::kAdded) << r.message;
+  EXPECT_EQ(Tracks(r.record_id), (std::vector<std::pair<uint32_t, std::string>>{
+                                     {1, "Track 01"}, {2, "Track 02"}, {3, "Track 03"}}));
+
+  const fs::path mixed = dir_ / "Mixed";
+  WriteFile(mixed / "Track 1.mp3", Mp3({"", "A", "Y", ""}));
+  WriteFile(mixed / "Track 1a.mp3", Mp3({"", "A", "Y", ""}));
+  WriteFile(mixed / "Track 3.mp3", Mp3({"", "A", "Y", ""}));
+  r = Scan(mixed);
+  EXPECT_EQ(Tracks(r.record_id), (std::vector<std::pair<uint32_t, std::string>>{
+                                     {1, "Track 1"}, {2, "Track 1a"}, {3, "Track 3"}}));
+
+  // Without the file-name flag untitled tracks are numbered by position.
+  options_.flags = scan_flags::kDefault & ~scan_flags::kTitleFromFileName;
+  const fs::path plain = dir_ / "Plain";
+  WriteFile(plain / "b_song.mp3", Mp3({"", "A", "Z", ""}));
+  WriteFile(plain / "a_song.mp3", Mp3({"Named", "A", "Z", ""}));
+  r = Scan(plain);
+  EXPECT_EQ(Tracks(r.record_id),
+            (std::vector<std::pair<uint32_t, std::string>>{{1, "Named"}, {2, "Track 02"}}));
+  options_.flags = scan_flags::kDefault | scan_flags::kUnderscoreToBlank;
+  fs::remove(plain / "a_song.mp3");
+  r = Scan(plain);
+  EXPECT_EQ(Tracks(r.record_id), (std::vector<std::pair<uint32_t, std::string>>{{1, "b song"}}));
+}
+
+TEST_F(FolderScanTest, ArtistsCompilationsCommentsAndFallbacks) {
+  struct Case {
+    const char* folder;
+    std::vector<Tags> tracks;
+    const char* artist;
+    bool compilation;
+    const char* title;
+    const char* comment;
+  };
+  const Case cases[] = {
+      {"Same",
+       {{"a", "The Band", "Record", ""}, {"b", "The Band", "Record", ""}},
+       "The Band",
+       false,
+       "Record",
+       ""},
+      {"Case",
+       {{"a", "The Band", "Record", ""}, {"b", "the band", "Record", ""}},
+       "Various Artists",
+       true,
+       "Record",
+       ""},
+      {"Partly",
+       {{"a", "", "Record", ""}, {"b", "Solo", "Record", ""}},
+       "Solo",
+       false,
+       "Record",
+       ""},
+      {"Painter/Untagged",
+       {{"a", "", "", ""}, {"b", "Unknown Artist", "New Album", ""}},
+       "Painter",
+       false,
+       "Untagged",
+       ""},
+      {"Various Artists/Hits",
+       {{"a", "X", "Hits", ""}, {"b", "X", "Hits", ""}},
+       "Various Artists",
+       true,
+       "Hits",
+       ""},
+      {"Bare",
+       {{"a", "", "", "same"}, {"b", "", "", "same"}},
+       "Unknown Artist",
+       false,
+       "Bare",
+       "same"},
+      {"Differing",
+       {{"a", "", "", "one"}, {"b", "", "", "two"}},
+       "Unknown Artist",
+       false,
+       "Differing",
+       ""},
+  };
+  for (const Case& c : cases) {
+    const fs::path folder = dir_ / c.folder;
+    for (size_t i = 0; i < c.tracks.size(); ++i)
+      WriteFile(folder / (std::to_string(i + 1) + ".mp3"), Mp3(c.tracks[i]));
+    const FolderScanResult r = Scan(folder);
+    ASSERT_EQ(r.outcome, FolderOutcome::kAdded) << c.folder << ": " << r.message;
+    const AlbumRecord album = Album(r);
+    ASSERT_EQ(album.artists.size(), 1u) << c.folder;
+    EXPECT_EQ(album.artists[0], c.artist) << c.folder;
+    EXPECT_EQ(album.various_artists, c.compilation) << c.folder;
+    EXPECT_EQ(album.properties.Int(field::kIsCompilation), c.compilation ? 1 : 0) << c.folder;
+    EXPECT_EQ(album.properties.Text(field::kTitle), c.title) << c.folder;
+    EXPECT_EQ(album.properties.Text(field::kComment), c.comment) << c.folder;
+    const auto volume = catalog_->ReadVolume(r.record_id);
+    ASSERT_TRUE(volume);
+    const bool shared = *c.comment != '\0';
+    for (const TrackRecord& t : volume->tracks)
+      EXPECT_EQ(t.properties.Text(field::kComment).empty(), shared || c.tracks[0].comment.empty())
+          << c.folder;
+  }
+}
+
+TEST_F(FolderScanTest, FoldersWithTheSameSizesKeepTheirOwnRecords) {
+  const std::string bytes = Mp3({"Same", "Twin", "Twins", ""});
+  WriteFile(dir_ / "P" / "1.mp3", bytes);
+  WriteFile(dir_ / "Q" / "1.mp3", bytes);
+  const FolderScanResult p = Scan(dir_ / "P");
+  const FolderScanResult q = Scan(dir_ / "Q");
+  ASSERT_EQ(p.outcome, FolderOutcome::kAdded) << p.message;
+  ASSERT_EQ(q.outcome, FolderOutcome::kAdded) << q.message;
+  EXPECT_EQ(q.record_id & 0x00FFFFFF, p.record_id & 0x00FFFFFF);
+  EXPECT_EQ(q.record_id >> 24, ((p.record_id >> 24) + 1) % 255) << "the next checksum byte";
+  EXPECT_EQ(Scan(dir_ / "P").outcome, FolderOutcome::kUnchanged);
+  EXPECT_EQ(Scan(dir_ / "Q").outcome, FolderOutcome::kUnchanged);
+
+  // P's album deleted: P is scanned anew and never takes over Q's record.
+  ASSERT_EQ(catalog_->DeleteAlbum(p.album_id), kOk);
+  const FolderScanResult again = Scan(dir_ / "P");
+  EXPECT_EQ(again.outcome, FolderOutcome::kAdded);
+  EXPECT_NE(again.album_id, q.album_id);
+  EXPECT_EQ(catalog_->AlbumCount(), 2u);
+}
+
+TEST_F(FolderScanTest, CoverPictureOfTheFolder) {
+  const fs::path folder = dir_ / "Covered";
+  WriteFile(folder / "1.mp3", Mp3({"a", "A", "Covered", ""}));
+  WriteFile(folder / "Cover.JPG", "\xFF\xD8 first picture");
+  FolderScanResult r = Scan(folder);
+  ASSERT_EQ(r.outcome, FolderOutcome::kAdded) << r.message;
+  EXPECT_EQ(catalog_->ReadCover(r.record_id), "\xFF\xD8 first picture");
+  WriteFile(folder / "Cover.JPG", "\xFF\xD8 second picture!");
+  r = Scan(folder);
+  EXPECT_EQ(r.outcome, FolderOutcome::kUpdated) << "a changed picture file changes the stamp";
+  EXPECT_EQ(catalog_->ReadCover(r.record_id), "\xFF\xD8 second picture!");
+}
+
+TEST_F(FolderScanTest, LibraryFoldersFlagsAndLibraryScan) {
+  EXPECT_TRUE(LoadLibraryFolders(*catalog_).empty());
+  const std::vector<LibraryFolder> three = {{"/a", 1}, {"/b", 2}, {"/c", 0}};
+  ASSERT_EQ(SaveLibraryFolders(*catalog_, three), kOk);
+  EXPECT_EQ(LoadLibraryFolders(*catalog_), three);
+  ASSERT_EQ(SaveLibraryFolders(*catalog_, {{"/b", 2}}), kOk);
+  EXPECT_EQ(LoadLibraryFolders(*catalog_), (std::vector<LibraryFolder>{{"/b", 2}}));
+  EXPECT_EQ(catalog_->GetDatabaseProperty("medialib", "f0"), "/b");
+
+  MemorySettingsStore settings;
+  settings.SetInt("Settings", "FileScanOpts_1", 77);
+  EXPECT_EQ(LoadScanFlags(*catalog_, settings), 77u);
+  EXPECT_FALSE(settings.Read("Settings", "FileScanOpts_1")) << "moved, not copied";
+  settings.SetInt("Settings", "FileScanOpts_1", 5);
+  EXPECT_EQ(LoadScanFlags(*catalog_, settings), 77u);
+  ASSERT_EQ(SaveScanFlags(*catalog_, 0x80000099u), kOk);
+  EXPECT_EQ(LoadScanFlags(*catalog_, settings), 0x80000099u);
+  EXPECT_EQ(LoadDefaultCharset(*catalog_), 0);
+  ASSERT_EQ(SaveDefaultCharset(*catalog_, 238), kOk);
+  EXPECT_EQ(LoadDefaultCharset(*catalog_), 238);
+
+  // A library scan: a failing folder does not stop the others.
+  WriteFile(dir_ / "lib" / "A - One" / "1.mp3", Mp3({"x", "A", "One", ""}));
+  WriteFile(dir_ / "lib" / "B - Two" / "1.mp3", Mp3({"y", "B", "Two", ""}));
+  WriteFile(dir_ / "lib" / "B - Two" / "2.mp3", Mp3({"z", "B", "Two", ""}));
+  WriteFile(dir_ / "lib" / "Skip" / "1.mp3", Mp3({"z", "C", "Three", ""}));
+  WriteFile(dir_ / "lib" / "Skip" / "dischive.ini", "[ScanOptions]\nExclude=1\n");
+  WriteFile(dir_ / "lib" / ".hidden" / "1.mp3", Mp3({"h", "H", "Hidden", ""}));
+  FolderScanner scanner(*catalog_, options_);
+  LibraryScanSummary s = ScanLibrary(scanner, {dir_ / "lib", dir_ / "missing"});
+  EXPECT_EQ(s.folders, 5u);
+  EXPECT_EQ(s.files, 4u);
+  EXPECT_EQ(s.added, 2u);
+  EXPECT_EQ(s.excluded, 1u);
+  EXPECT_EQ(s.empty, 2u);
+  // The batch of the library scan is committed: another connection sees it.
+  auto reader = OpenSqliteCatalog(catalog_->path(), CatalogOpenMode::kReadOnly);
+  ASSERT_NE(reader, nullptr);
+  EXPECT_EQ(reader->AlbumCount(), 2u);
+  reader.reset();
+  s = ScanLibrary(scanner, {dir_ / "lib"});
+  EXPECT_EQ(s.skipped, 2u);
+  EXPECT_EQ(s.added + s.updated, 0u);
+}
+
+}  // namespace
+}  // namespace dischive
