@@ -88,6 +88,7 @@ constexpr std::pair<uint32_t, const char*> kSystemTexts[] = {
     {4, "The system cannot open the file."},
     {5, "Access is denied."},
     {8, "Not enough memory is available to process this command."},
+    {11, "The file is not in a format that can be read."},
     {19, "The media is write protected."},
     {30, "The system cannot read from the specified device."},
     {32, "The process cannot access the file because it is being used by another process."},

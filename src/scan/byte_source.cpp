@@ -3,8 +3,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "dischive/tag_readers.h"
 #include "dischive/errors.h"
+#include "dischive/tag_readers.h"
 #include "platform/file.h"
 
 namespace dischive {
