@@ -11,11 +11,13 @@ packages=(
   libcli11-dev libfmt-dev nlohmann-json3-dev libcpp-httplib-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   tinyproxy curl sqlite3
+  libtag1-dev
 )
-# Extra tools: the tag library the reader benchmark compares against, and the
-# encoders and taggers that regenerate the audio fixtures.
+# libtag1-dev: the tag library the reader benchmark compares against.
+# Extra tools on request: the encoders and taggers that regenerate the audio
+# fixtures and the sample music.
 if [[ "${DISCHIVE_DEV_TOOLS:-0}" == 1 ]]; then
-  packages+=(libtag1-dev flac vorbis-tools lame id3v2 ffmpeg)
+  packages+=(flac vorbis-tools lame id3v2 ffmpeg)
 fi
 
 missing=()
