@@ -1,4 +1,6 @@
 // A looked-up disc as an album of the catalogue.
+#include <ctime>
+
 #include "dischive/cddb.h"
 
 namespace dischive {
@@ -57,6 +59,8 @@ HResult SaveDiscToCatalog(CatalogEngine& catalog, const DiscToc& toc, const Disc
   if (const auto existing = catalog.FindAlbumOfVolume(toc.disc_id)) {
     album.id = *existing;
     mode = WriteMode::kMerge;
+  } else {
+    album.volumes.front().created = static_cast<uint32_t>(std::time(nullptr));
   }
   const HResult result = catalog.WriteAlbum(album, mode);
   if (result == kOk && album_id != nullptr) *album_id = album.id;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 #include <fstream>
 #include <set>
 
@@ -468,6 +469,10 @@ FolderScanResult FolderScanner::ScanFiles(const fs::path& folder, const FolderLi
     AlbumRecord record;
     std::optional<AlbumRecord> stored;
     if (album_id) stored = catalog_.ReadAlbum(*album_id);
+    // A volume new to the catalogue is created now; a rescanned one keeps its
+    // creation and last-played times.
+    const auto now = static_cast<uint32_t>(std::time(nullptr));
+    volume.created = now;
     if (!stored) {
       record = std::move(scanned);
       record.volumes.push_back(std::move(volume));
@@ -480,6 +485,8 @@ FolderScanResult FolderScanner::ScanFiles(const fs::path& folder, const FolderLi
       auto it = std::find_if(record.volumes.begin(), record.volumes.end(),
                              [id](const VolumeRecord& v) { return v.record_id == id; });
       if (it != record.volumes.end()) {
+        if (it->created != 0) volume.created = it->created;
+        volume.played = it->played;
         *it = std::move(volume);
       } else {
         record.volumes.push_back(std::move(volume));
