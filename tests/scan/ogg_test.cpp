@@ -5,29 +5,20 @@
 #include <vector>
 
 #include "dischive/tag_readers.h"
+#include "scan/bytes.h"
 
 namespace dischive {
 namespace {
 
-std::string Le32(uint32_t v) {
-  return {static_cast<char>(v), static_cast<char>(v >> 8), static_cast<char>(v >> 16),
-          static_cast<char>(v >> 24)};
-}
-std::string Le64(uint64_t v) {
-  return Le32(static_cast<uint32_t>(v)) + Le32(static_cast<uint32_t>(v >> 32));
-}
+using test::Le32;
+using test::Le64;
 
 // One page holding `data` as packet bytes; `ends` false leaves the last
 // packet open (continued on the next page). CRCs are not checked by readers
 // of tags and are left 0.
 std::string Page(uint32_t serial, uint64_t granule, const std::string& data, bool ends = true) {
-  std::string lacing;
-  size_t left = data.size();
-  while (left >= 255) {
-    lacing += '\xFF';
-    left -= 255;
-  }
-  if (ends) lacing += static_cast<char>(left);
+  std::string lacing(data.size() / 255, '\xFF');
+  if (ends) lacing += static_cast<char>(data.size() % 255);
   return "OggS" + std::string(2, '\0') + Le64(granule) + Le32(serial) + Le32(0) + Le32(0) +
          static_cast<char>(lacing.size()) + lacing + data;
 }

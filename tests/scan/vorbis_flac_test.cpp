@@ -6,22 +6,12 @@
 
 #include "dischive/tag_readers.h"
 #include "dischive/text.h"
-#include "support/temp_dir.h"
+#include "scan/bytes.h"
 
 namespace dischive {
 namespace {
 
-std::string Le32(uint32_t v) {
-  return {static_cast<char>(v), static_cast<char>(v >> 8), static_cast<char>(v >> 16),
-          static_cast<char>(v >> 24)};
-}
-std::string Be32(uint32_t v) {
-  return {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8),
-          static_cast<char>(v)};
-}
-std::string Be24(uint32_t v) {
-  return {static_cast<char>(v >> 16), static_cast<char>(v >> 8), static_cast<char>(v)};
-}
+using namespace test;
 
 std::string CommentBlock(const std::vector<std::string>& comments) {
   std::string block = Le32(6) + "vendor" + Le32(static_cast<uint32_t>(comments.size()));
@@ -88,8 +78,7 @@ TEST(VorbisComment, MapsEveryFieldOfTheTable) {
   for (const Case& c : cases) {
     MediaFileTags tags;
     const std::string block = CommentBlock(c.comments);
-    EXPECT_TRUE(ParseVorbisComment({reinterpret_cast<const uint8_t*>(block.data()), block.size()},
-                                   tags, true));
+    EXPECT_TRUE(ParseVorbisComment(Bytes(block), tags, true));
     EXPECT_EQ(tags, c.expected) << c.comments.front();
   }
 }
@@ -106,20 +95,12 @@ TEST(VorbisComment, ConvertsOrKeepsLegacyText) {
 
 TEST(VorbisComment, AgreesWithTheLibraryOnWhatIsUtf8) {
   // The readers' fast check against the library's own validator.
-  const std::vector<std::string> texts = {"",
-                                          "plain ascii text longer than eight",
-                                          "\xC3\xA9t\xC3\xA9",
-                                          "\xE2\x82\xAC",
-                                          "\xF0\x9F\x8E\xB5",
-                                          "\xC0\xAF",
-                                          "\xE0\x80\xAF",
-                                          "\xED\xA0\x80",
-                                          "\xF4\x90\x80\x80",
-                                          "\xF5\x80\x80\x80",
-                                          "\xC3",
-                                          "abcdefgh\xE2\x82",
-                                          "\x80",
-                                          "12345678\xFF"};
+  // clang-format off
+  const std::vector<std::string> texts = {
+      "plain ascii text longer than eight", "\xC3\xA9t\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x8E\xB5",
+      "\xC0\xAF", "\xE0\x80\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xC3",
+      "abcdefgh\xE2\x82", "\x80", "12345678\xFF", ""};
+  // clang-format on
   for (const std::string& text : texts) {
     MediaFileTags tags;
     MapVorbisField("TITLE=x" + text, tags, false);
@@ -129,8 +110,7 @@ TEST(VorbisComment, AgreesWithTheLibraryOnWhatIsUtf8) {
 
 TEST(VorbisComment, StopsAtLengthsOutsideTheBlock) {
   auto parse = [](const std::string& block, MediaFileTags& tags) {
-    return ParseVorbisComment({reinterpret_cast<const uint8_t*>(block.data()), block.size()}, tags,
-                              true);
+    return ParseVorbisComment(Bytes(block), tags, true);
   };
   MediaFileTags tags;
   // The second comment claims more than the block holds; the first still counts.
@@ -174,10 +154,7 @@ TEST(FlacPicture, TakesOnlyFrontCoversInJpegOrPng) {
   };
   for (const Case& c : cases) {
     CoverPicture picture;
-    EXPECT_EQ(ParseFlacPicture({reinterpret_cast<const uint8_t*>(c.block.data()), c.block.size()},
-                               picture),
-              c.taken)
-        << c.block.size();
+    EXPECT_EQ(ParseFlacPicture(Bytes(c.block), picture), c.taken) << c.block.size();
     EXPECT_EQ(picture.kind, c.kind);
     EXPECT_EQ(picture.data.empty(), !c.taken);
   }
@@ -200,34 +177,27 @@ TEST(FlacReader, ReadsStreamInfoTagsAndTheSkipRules) {
   // the next header is read 4 bytes early: here a comment block placed there.
   const std::string long_info = "fLaC" + StreamInfo(16000, 40, false).substr(0, 4 + 34) +
                                 std::string(2, '\0') + comment + "zzzz";
+  const std::string one = "fLaC" + StreamInfo(8000, 34, false),
+                    two = "fLaC" + StreamInfo(16000, 34, false);
+  using enum FlacResult;
   const std::vector<Case> cases = {
-      {"plain", "fLaC" + StreamInfo(16000, 34, false) + comment, true, FlacResult::kRead, "T", 150},
-      {"no tags wanted", "fLaC" + StreamInfo(16000, 34, false) + comment, false, FlacResult::kRead,
-       "", 150},
-      {"last block", "fLaC" + StreamInfo(8000, 34, true) + comment, true, FlacResult::kRead, "",
-       75},
-      {"id3 in front", id3 + "fLaC" + StreamInfo(8000, 34, false) + comment, true,
-       FlacResult::kId3InFront, "T", 75},
-      {"id3, no flac", id3 + "MPEG audio here, not FLAC at all, no no no no", true,
-       FlacResult::kId3InFront, "", 0},
-      {"extended header", extended + "fLaC" + StreamInfo(8000, 34, false) + comment, true,
-       FlacResult::kNotFlac, "", 0},
-      {"id3 version 5", std::string("ID3\x05", 4) + std::string(60, '\0'), true,
-       FlacResult::kNotFlac, "", 0},
-      {"short", "fLaC" + StreamInfo(8000, 34, false).substr(0, 20), true, FlacResult::kNotFlac, "",
+      {"plain", two + comment, true, kRead, "T", 150},
+      {"no tags wanted", two + comment, false, kRead, "", 150},
+      {"last block", "fLaC" + StreamInfo(8000, 34, true) + comment, true, kRead, "", 75},
+      {"id3 in front", id3 + one + comment, true, kId3InFront, "T", 75},
+      {"id3, no flac", id3 + "MPEG audio here, not FLAC at all, no no no no", true, kId3InFront, "",
        0},
-      {"not streaminfo first", "fLaC" + Block(4, std::string(34, '\0'), false), true,
-       FlacResult::kNotFlac, "", 0},
-      {"length - 38 skip", long_info, true, FlacResult::kRead, "T", 150},
-      {"short streaminfo", "fLaC" + StreamInfo(8000, 34, false).replace(1, 3, Be24(20)) + comment,
-       true, FlacResult::kRead, "", 75},
-      {"zero rate", "fLaC" + std::string(1, '\0') + Be24(34) + std::string(34, '\0'), true,
-       FlacResult::kRead, "", 0},
-      {"zero-length block ends",
-       "fLaC" + StreamInfo(8000, 34, false) + Block(1, "", false) + comment, true,
-       FlacResult::kRead, "", 75},
-      {"type 127 ends", "fLaC" + StreamInfo(8000, 34, false) + Block(127, "xx", false) + comment,
-       true, FlacResult::kRead, "", 75},
+      {"extended header", extended + one + comment, true, kNotFlac, "", 0},
+      {"id3 version 5", std::string("ID3\x05", 4) + std::string(60, '\0'), true, kNotFlac, "", 0},
+      {"short", one.substr(0, 24), true, kNotFlac, "", 0},
+      {"not streaminfo first", "fLaC" + Block(4, std::string(34, '\0'), false), true, kNotFlac, "",
+       0},
+      {"length - 38 skip", long_info, true, kRead, "T", 150},
+      {"short streaminfo", std::string(one).replace(5, 3, Be24(20)) + comment, true, kRead, "", 75},
+      {"zero rate", "fLaC" + std::string(1, '\0') + Be24(34) + std::string(34, '\0'), true, kRead,
+       "", 0},
+      {"zero-length block ends", one + Block(1, "", false) + comment, true, kRead, "", 75},
+      {"type 127 ends", one + Block(127, "xx", false) + comment, true, kRead, "", 75},
   };
   for (const Case& c : cases) {
     MemorySource source(c.file);
