@@ -8,6 +8,7 @@
 
 #include "dischive/folder_scan.h"
 #include "dischive/sqlite_catalog.h"
+#include "scan/bytes.h"
 #include "support/temp_dir.h"
 
 namespace dischive {
@@ -28,28 +29,15 @@ struct Tags {
 };
 
 // An MP3 file: an ID3v2.3 tag with Latin-1 frames, then the encoder's stream.
-std::string Mp3(const Tags& tags) {
+std::string Mp3(const Tags& t) {
+  const std::string comment = t.comment.empty() ? "" : std::string("eng\0", 4) + t.comment;
+  const std::pair<const char*, std::string> frames[] = {
+      {"TIT2", t.title}, {"TPE1", t.artist}, {"TALB", t.album}, {"COMM", comment}};
   std::string body;
-  auto frame = [&body](const char* id, const std::string& payload) {
-    const auto size = static_cast<uint32_t>(payload.size());
-    body += id;
-    for (int shift = 24; shift >= 0; shift -= 8)
-      body.push_back(static_cast<char>(size >> shift));
-    body += std::string(2, '\0');
-    body += payload;
-  };
-  auto text = [&frame](const char* id, const std::string& value) {
-    if (!value.empty()) frame(id, std::string(1, '\0') + value);
-  };
-  text("TIT2", tags.title);
-  text("TPE1", tags.artist);
-  text("TALB", tags.album);
-  if (!tags.comment.empty()) frame("COMM", std::string("\0eng\0", 5) + tags.comment);
-  std::string tag = "ID3" + std::string("\x03\x00\x00", 3);
-  const auto size = static_cast<uint32_t>(body.size());
-  for (int shift = 21; shift >= 0; shift -= 7)
-    tag.push_back(static_cast<char>((size >> shift) & 0x7F));
-  return tag + body + ToneMp3();
+  for (const auto& [id, value] : frames) {
+    if (!value.empty()) body += id + test::Be32(value.size() + 1) + std::string(3, '\0') + value;
+  }
+  return std::string("ID3\x03\0\0", 6) + test::Syncsafe(body.size()) + body + ToneMp3();
 }
 
 class FolderScanTest : public ::testing::Test {
@@ -229,56 +217,30 @@ TEST_F(FolderScanTest, TrackNumbersFromNames) {
 TEST_F(FolderScanTest, ArtistsCompilationsCommentsAndFallbacks) {
   struct Case {
     const char* folder;
-    std::vector<Tags> tracks;
     const char* artist;
     bool compilation;
     const char* title;
     const char* comment;
+    std::vector<Tags> tracks;
   };
+  // clang-format off
   const Case cases[] = {
-      {"Same",
-       {{"a", "The Band", "Record", ""}, {"b", "The Band", "Record", ""}},
-       "The Band",
-       false,
-       "Record",
-       ""},
-      {"Case",
-       {{"a", "The Band", "Record", ""}, {"b", "the band", "Record", ""}},
-       "Various Artists",
-       true,
-       "Record",
-       ""},
-      {"Partly",
-       {{"a", "", "Record", ""}, {"b", "Solo", "Record", ""}},
-       "Solo",
-       false,
-       "Record",
-       ""},
-      {"Painter/Untagged",
-       {{"a", "", "", ""}, {"b", "Unknown Artist", "New Album", ""}},
-       "Painter",
-       false,
-       "Untagged",
-       ""},
-      {"Various Artists/Hits",
-       {{"a", "X", "Hits", ""}, {"b", "X", "Hits", ""}},
-       "Various Artists",
-       true,
-       "Hits",
-       ""},
-      {"Bare",
-       {{"a", "", "", "same"}, {"b", "", "", "same"}},
-       "Unknown Artist",
-       false,
-       "Bare",
-       "same"},
-      {"Differing",
-       {{"a", "", "", "one"}, {"b", "", "", "two"}},
-       "Unknown Artist",
-       false,
-       "Differing",
-       ""},
+      {"Same", "The Band", false, "Record", "",
+       {{"a", "The Band", "Record", ""}, {"b", "The Band", "Record", ""}}},
+      {"Case", "Various Artists", true, "Record", "",
+       {{"a", "The Band", "Record", ""}, {"b", "the band", "Record", ""}}},
+      {"Partly", "Solo", false, "Record", "",
+       {{"a", "", "Record", ""}, {"b", "Solo", "Record", ""}}},
+      {"Painter/Untagged", "Painter", false, "Untagged", "",
+       {{"a", "", "", ""}, {"b", "Unknown Artist", "New Album", ""}}},
+      {"Various Artists/Hits", "Various Artists", true, "Hits", "",
+       {{"a", "X", "Hits", ""}, {"b", "X", "Hits", ""}}},
+      {"Bare", "Unknown Artist", false, "Bare", "same",
+       {{"a", "", "", "same"}, {"b", "", "", "same"}}},
+      {"Differing", "Unknown Artist", false, "Differing", "",
+       {{"a", "", "", "one"}, {"b", "", "", "two"}}},
   };
+  // clang-format on
   for (const Case& c : cases) {
     const fs::path folder = dir_ / c.folder;
     for (size_t i = 0; i < c.tracks.size(); ++i)

@@ -80,28 +80,20 @@ TEST(Id3v2, MapsTheFramesOfVersions22And23) {
                           Frame(2, "TCM", Latin1("Comp")) + Frame(2, "TP3", Latin1("Cond")) +
                           Frame(2, "TXT", Latin1("Lyr")) + Frame(2, "TBP", Latin1("-3")) +
                           Frame(2, "ULT", Latin1(std::string("eng\0la la", 9)));
-  EXPECT_EQ(ReadTag(Tag(2, v22)), (MediaFileTags{.artist = "Art",
-                                                 .album = "Alb",
-                                                 .year = "1999",
-                                                 .lyrics = "la la",
-                                                 .composer = "Comp",
-                                                 .conductor = "Cond",
-                                                 .lyricist = "Lyr",
-                                                 .genre = "Rock",
-                                                 .trackNumber = 5,
-                                                 .discNumber = 2,
-                                                 .formatName = "MP3"}));
+  // clang-format off
+  EXPECT_EQ(ReadTag(Tag(2, v22)),
+            (MediaFileTags{.artist = "Art", .album = "Alb", .year = "1999", .lyrics = "la la",
+                           .composer = "Comp", .conductor = "Cond", .lyricist = "Lyr",
+                           .genre = "Rock", .trackNumber = 5, .discNumber = 2, .formatName = "MP3"}));
 
   const std::string v23 = Frame(3, "TYER", Latin1("2003")) + Frame(3, "TDAT", Latin1("2512")) +
                           Frame(3, "TPUB", Latin1("Label")) + Frame(3, "TBPM", Latin1("120")) +
                           Frame(3, "TRCK", Latin1("0")) + Frame(3, "TPOS", Latin1("0")) +
                           Frame(3, "TPE3", Latin1("Cond")) + Frame(3, "TEXT", Latin1("Words"));
-  EXPECT_EQ(ReadTag(Tag(3, v23)), (MediaFileTags{.year = "2003-12-25",
-                                                 .conductor = "Cond",
-                                                 .lyricist = "Words",
-                                                 .label = "Label",
-                                                 .bpm = 120,
-                                                 .formatName = "MP3"}));
+  EXPECT_EQ(ReadTag(Tag(3, v23)),
+            (MediaFileTags{.year = "2003-12-25", .conductor = "Cond", .lyricist = "Words",
+                           .label = "Label", .bpm = 120, .formatName = "MP3"}));
+  // clang-format on
 
   // 2.4: the recording time, and several artists in one frame.
   const MediaFileTags t =
@@ -120,10 +112,10 @@ TEST(Id3v2, AddsEveryCommentFrame) {
 TEST(Id3v2, ParsesGenreTexts) {
   // clang-format off
   const std::vector<std::pair<std::string, std::string>> cases = {
-      {"(17)", "Rock"}, {"17", "Rock"}, {"(17)Rock & Roll", "Rock & Roll"}, {"Synthpop", "Synthpop"},
-      {"(147)", "Synthpop"}, {"(148)", ""}, {"148", ""}, {"(200)", "(200)"},
-      {"((Wrapped)", "(Wrapped)"}, {"(RX)", "Remix"}, {"(CR)", "Cover"}, {"(", "("}, {"0", "Blues"},
-      {"  (67)  ", "Psychadelic"}};
+      {"(17)", "Rock"}, {"17", "Rock"}, {"(17)Rock & Roll", "Rock & Roll"},
+      {"Synthpop", "Synthpop"}, {"(147)", "Synthpop"}, {"(148)", ""}, {"148", ""},
+      {"(200)", "(200)"}, {"((Wrapped)", "(Wrapped)"}, {"(RX)", "Remix"}, {"(CR)", "Cover"},
+      {"(", "("}, {"0", "Blues"}, {"  (67)  ", "Psychadelic"}};
   // clang-format on
   for (const auto& [text, name] : cases)
     EXPECT_EQ(ParseId3Genre(text), name) << text;
