@@ -59,16 +59,14 @@ std::string Asf(const std::vector<std::string>& objects) {
 }
 
 TEST(Asf, TruncatesTheDurationToWholeTwentyFifths) {
-  struct Case {
-    uint64_t duration;  // 100 ns units, without preroll
-    int32_t frames;
-  };
-  const Case cases[] = {{399999, 0}, {400000, 3}, {799999, 3}, {10240000, 75}, {0, 0}};
-  for (const Case& c : cases) {
+  // duration, frames  // 100 ns units, without preroll
+  const std::tuple<uint64_t, int32_t> cases[] = {
+      {399999, 0}, {400000, 3}, {799999, 3}, {10240000, 75}, {0, 0}};
+  for (const auto& [duration, frames] : cases) {
     // The preroll (3.1 s, as ffmpeg writes it) is not playing time.
     MediaFileTags tags;
-    ASSERT_TRUE(Wma(Asf({FileProperties(c.duration + 31000000, 3100, 128000)}), tags));
-    EXPECT_EQ(tags.durationFrames, c.frames) << c.duration;
+    ASSERT_TRUE(Wma(Asf({FileProperties(duration + 31000000, 3100, 128000)}), tags));
+    EXPECT_EQ(tags.durationFrames, frames) << duration;
     EXPECT_EQ(tags.bitrateKbps, 128);
     EXPECT_EQ(tags.formatName, "WMA");
   }
@@ -131,16 +129,10 @@ const std::string kFmt =
     Chunk("fmt ", Le16(1) + Le16(2) + Le32(44100) + Le32(176400) + Le16(4) + Le16(16));
 
 TEST(RiffWave, TimesTheDataChunk) {
-  struct Case {
-    const char* name;
-    std::string file;
-    bool taken;
-    int32_t frames;
-    const char* title;
-  };
+  // name, file, taken, frames, title
   const std::string second(176400, '\0');
   const std::string info = Chunk("LIST", "INFO" + Chunk("INAM", "Odd") + Chunk("IART", "Art!"));
-  const Case cases[] = {
+  const std::tuple<const char*, std::string, bool, int32_t, const char*> cases[] = {
       {"plain", Wave(kFmt + Chunk("data", second)), true, 75, ""},
       {"odd chunk before fmt", Wave(Chunk("junk", "abc") + kFmt + Chunk("data", second)), true, 75,
        ""},
@@ -152,12 +144,12 @@ TEST(RiffWave, TimesTheDataChunk) {
        0, ""},
       {"not wave", "RIFF" + Le32(4) + "AVI " + kFmt, false, 0, ""},
   };
-  for (const Case& c : cases) {
-    MemorySource source(c.file);
+  for (const auto& [name, file, taken, frames, title] : cases) {
+    MemorySource source(file);
     MediaFileTags tags;
-    EXPECT_EQ(ReadRiffWaveInfo(source, tags), c.taken) << c.name;
-    EXPECT_EQ(tags.durationFrames, c.frames) << c.name;
-    EXPECT_EQ(tags.title, c.title) << c.name;
+    EXPECT_EQ(ReadRiffWaveInfo(source, tags), taken) << name;
+    EXPECT_EQ(tags.durationFrames, frames) << name;
+    EXPECT_EQ(tags.title, title) << name;
   }
 }
 

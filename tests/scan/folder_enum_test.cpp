@@ -25,17 +25,13 @@ std::vector<std::string> Names(const FolderListing& listing) {
 
 TEST(FolderEnumerationTest, MatchesExtensionsWithoutCaseAndSkipsHiddenEntries) {
   TempDir dir;
-  WriteFile(dir / "b.MP3", std::string(100, 'b'));
-  WriteFile(dir / "a.mp3", std::string(200, 'a'));
-  WriteFile(dir / "c.Flac", std::string(300, 'c'));
-  WriteFile(dir / ".hidden.mp3", std::string(1000, 'h'));
-  WriteFile(dir / ".flac", std::string(1000, 'h'));
-  WriteFile(dir / "folder.mp3" / "inside.mp3", std::string(1000, 'i'));
-  WriteFile(dir / "x.mp3x", std::string(1000, 'x'));
-  WriteFile(dir / "mp3", std::string(1000, 'x'));
-  WriteFile(dir / "cover.JPG", std::string(40, 'j'));
-  WriteFile(dir / "notes.txt", std::string(7, 't'));
-  WriteFile(dir / ".notes.txt", std::string(1000, 't'));
+  const std::pair<const char*, size_t> files[] = {
+      {"b.MP3", 100},        {"a.mp3", 200},      {"c.Flac", 300},
+      {".hidden.mp3", 1000}, {".flac", 1000},     {"folder.mp3/inside.mp3", 1000},
+      {"x.mp3x", 1000},      {"mp3", 1000},       {"cover.JPG", 40},
+      {"notes.txt", 7},      {".notes.txt", 1000}};
+  for (const auto& [name, size] : files)
+    WriteFile(dir / name, std::string(size, 'x'));
 
   std::vector<std::string> lines;
   ScanLog log([&lines](std::string_view line) { lines.emplace_back(line); });
@@ -132,12 +128,7 @@ TEST(FolderEnumerationTest, LinksAndSubfolders) {
 }
 
 TEST(FolderEnumerationTest, RecordIdFormula) {
-  struct Case {
-    std::vector<uint64_t> sizes;
-    uint64_t side_bytes;
-    uint32_t id;
-  };
-  const Case cases[] = {
+  const std::tuple<std::vector<uint64_t>, uint64_t, uint32_t> cases[] = {
       // offsets 100, 300, 600: checksum 1000, 1000 % 255 = 0xEB; total 650.
       {{100, 200, 300}, 50, 0xEB028A68},
       // A running offset beyond 32 bits adds its high half; the total loses
@@ -146,16 +137,14 @@ TEST(FolderEnumerationTest, RecordIdFormula) {
       // At most 99 files count: the low byte stops at 0xC8.
       {std::vector<uint64_t>(150, 0), 0, 0x000000C8},
   };
-  for (const Case& c : cases) {
+  for (const auto& [sizes, side_bytes, id] : cases) {
     FolderListing listing;
-    for (uint64_t size : c.sizes) {
-      FolderFile f;
-      f.size = size;
-      listing.files.push_back(f);
+    listing.byte_total = side_bytes;
+    for (uint64_t size : sizes) {
+      listing.files.push_back({.size = size});
       listing.byte_total += size;
     }
-    listing.byte_total += c.side_bytes;
-    EXPECT_EQ(FolderRecordId(listing), c.id) << c.sizes.size() << " files";
+    EXPECT_EQ(FolderRecordId(listing), id) << sizes.size() << " files";
     EXPECT_GE(FolderRecordId(listing) & 0xFF, 0x66u);
   }
 }
@@ -172,9 +161,8 @@ TEST(LibrarySettingsTest, ExtensionListsAndCheckBoxes) {
 
   bool boxes[9];
   CheckBoxesFromScanFlags(scan_flags::kDefault, boxes);  // 0x99
-  const bool expected[9] = {true, true, true, true, false, false, false, true, true};
-  for (int i = 0; i < 9; ++i)
-    EXPECT_EQ(boxes[i], expected[i]) << "box " << i;
+  EXPECT_EQ(std::vector<bool>(boxes, boxes + 9),
+            (std::vector<bool>{true, true, true, true, false, false, false, true, true}));
   EXPECT_EQ(ScanFlagsFromCheckBoxes(boxes), scan_flags::kDefault);
   const bool none[9] = {};
   EXPECT_EQ(ScanFlagsFromCheckBoxes(none), 0x300u) << "boxes 7 and 8 are inverted";
@@ -183,14 +171,8 @@ TEST(LibrarySettingsTest, ExtensionListsAndCheckBoxes) {
 }
 
 TEST(AlbumInferenceTest, ArtistAndTitleFromThePath) {
-  struct Case {
-    const char* folder;
-    const char* root;
-    bool underscores;
-    const char* artist;
-    const char* title;
-  };
-  const Case cases[] = {
+  // folder, root, underscores to blanks, artist, title
+  const std::tuple<const char*, const char*, bool, const char*, const char*> cases[] = {
       {"/music/Miles Davis/Kind of Blue", "/music", false, "Miles Davis", "Kind of Blue"},
       {"/music/Miles Davis/Kind of Blue/", "/music/", false, "Miles Davis", "Kind of Blue"},
       {"/music/Kind of Blue", "/music", false, "", "Kind of Blue"},
@@ -206,16 +188,12 @@ TEST(AlbumInferenceTest, ArtistAndTitleFromThePath) {
       {"/music/Thirty Characters Exactly Here/Album", "/music", false,
        "Thirty Characters Exactly Here", "Album"},
       {"/music/ - Title Only", "/music", false, "", "- Title Only"},
-      {"/music/Bj\xF6rk/D\xE9"
-       "but",
-       "/music", false, "Bj\xC3\xB6rk",
-       "D\xC3\xA9"
-       "but"},
+      {"/music/Bj\xF6rk/D\xE9\x62ut", "/music", false, "Bj\xC3\xB6rk", "D\xC3\xA9\x62ut"},
   };
-  for (const Case& c : cases) {
-    const PathInference got = InferFromPath(c.folder, c.root, 30, c.underscores);
-    EXPECT_EQ(got.artist, c.artist) << c.folder;
-    EXPECT_EQ(got.title, c.title) << c.folder;
+  for (const auto& [folder, root, underscores, artist, title] : cases) {
+    const PathInference got = InferFromPath(folder, root, 30, underscores);
+    EXPECT_EQ(got.artist, artist) << folder;
+    EXPECT_EQ(got.title, title) << folder;
   }
 }
 

@@ -40,6 +40,8 @@ std::string Mp3(const Tags& t) {
   return std::string("ID3\x03\0\0", 6) + test::Syncsafe(body.size()) + body + ToneMp3();
 }
 
+using TrackList = std::vector<std::pair<uint32_t, std::string>>;
+
 class FolderScanTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -58,19 +60,12 @@ class FolderScanTest : public ::testing::Test {
     return scanner.ScanFolder(folder, dir_.path());
   }
 
-  // The scanned volume's tracks: title and number.
-  std::vector<std::pair<uint32_t, std::string>> Tracks(uint32_t record_id) {
-    std::vector<std::pair<uint32_t, std::string>> out;
-    const std::optional<VolumeRecord> volume = catalog_->ReadVolume(record_id);
-    if (!volume) return out;
-    for (const TrackRecord& t : volume->tracks)
+  // The scanned volume's tracks: number and title.
+  TrackList Tracks(uint32_t record_id) {
+    TrackList out;
+    for (const TrackRecord& t : catalog_->ReadVolume(record_id).value_or(VolumeRecord{}).tracks)
       out.emplace_back(t.number, t.properties.Text(field::kTrackTitle));
     return out;
-  }
-
-  AlbumRecord Album(const FolderScanResult& r) {
-    const auto album = catalog_->ReadAlbum(r.album_id);
-    return album ? *album : AlbumRecord{};
   }
 
   TempDir dir_;
@@ -89,15 +84,8 @@ TEST_F(FolderScanTest, ExclusionAndAttachment) {
   WriteFile(folder / "01.mp3", Mp3({"One", "Artist", "Album", ""}));
   WriteFile(folder / "02.mp3", Mp3({"Two", "Artist", "Album", ""}));
 
-  struct Case {
-    const char* ini;
-    const char* section;
-    bool forced;
-    FolderOutcome outcome;
-    int result;
-    const char* line;
-  };
-  const Case cases[] = {
+  // ini, section, forced, outcome, result, line
+  const std::tuple<const char*, const char*, bool, FolderOutcome, int, const char*> cases[] = {
       {"[ScanOptions]\nExclude=1\n", "", false, FolderOutcome::kExcluded, 0, "Folder excluded"},
       {"[Mine]\nExclude=1\n", "Mine", false, FolderOutcome::kExcluded, 0, "Folder excluded"},
       {"[ScanOptions]\nExclude=1\n", "Mine", false, FolderOutcome::kExcluded, 0, "Folder excluded"},
@@ -110,16 +98,16 @@ TEST_F(FolderScanTest, ExclusionAndAttachment) {
       {"[ScanOptions]\nID=12345666\n", "", false, FolderOutcome::kUnchanged, 1,
        "Folder skipped due to existing record"},
   };
-  for (const Case& c : cases) {
-    WriteFile(folder / "dischive.ini", c.ini);
-    options_.section = c.section;
-    options_.forced = c.forced;
+  for (const auto& [ini, section, forced, outcome, result, line] : cases) {
+    WriteFile(folder / "dischive.ini", ini);
+    options_.section = section;
+    options_.forced = forced;
     const FolderScanResult r = Scan(folder);
-    EXPECT_EQ(r.outcome, c.outcome) << c.ini << " section " << c.section;
-    EXPECT_EQ(r.result, c.result) << c.ini;
-    EXPECT_TRUE(HasLine(lines_, c.line)) << c.ini;
+    EXPECT_EQ(r.outcome, outcome) << ini << " section " << section;
+    EXPECT_EQ(r.result, result) << ini;
+    EXPECT_TRUE(HasLine(lines_, line)) << ini;
     EXPECT_TRUE(HasLine(lines_, "Processing folder with 2 files"));
-    if (c.outcome == FolderOutcome::kAdded && std::string(c.ini).find("ID=") == std::string::npos) {
+    if (outcome == FolderOutcome::kAdded && std::string(ini).find("ID=") == std::string::npos) {
       ASSERT_TRUE(catalog_->DeleteAlbum(r.album_id) == kOk);
     }
   }
@@ -178,8 +166,7 @@ TEST_F(FolderScanTest, UnchangedFolderSkippedAndChangedOneRescanned) {
   fs::remove(folder / "01.mp3");
   r = Scan(folder);
   EXPECT_EQ(r.outcome, FolderOutcome::kUpdated);
-  EXPECT_EQ(Tracks(r.record_id),
-            (std::vector<std::pair<uint32_t, std::string>>{{1, "Two"}, {2, "Three"}}));
+  EXPECT_EQ(Tracks(r.record_id), (TrackList{{1, "Two"}, {2, "Three"}}));
 }
 
 TEST_F(FolderScanTest, TrackNumbersFromNames) {
@@ -189,16 +176,14 @@ TEST_F(FolderScanTest, TrackNumbersFromNames) {
   WriteFile(numbered / "TRACK 03.mp3", Mp3({"", "A", "X", ""}));
   FolderScanResult r = Scan(numbered);
   ASSERT_EQ(r.outcome, FolderOutcome::kAdded) << r.message;
-  EXPECT_EQ(Tracks(r.record_id), (std::vector<std::pair<uint32_t, std::string>>{
-                                     {1, "Track 01"}, {2, "Track 02"}, {3, "Track 03"}}));
+  EXPECT_EQ(Tracks(r.record_id), (TrackList{{1, "Track 01"}, {2, "Track 02"}, {3, "Track 03"}}));
 
   const fs::path mixed = dir_ / "Mixed";
   WriteFile(mixed / "Track 1.mp3", Mp3({"", "A", "Y", ""}));
   WriteFile(mixed / "Track 1a.mp3", Mp3({"", "A", "Y", ""}));
   WriteFile(mixed / "Track 3.mp3", Mp3({"", "A", "Y", ""}));
   r = Scan(mixed);
-  EXPECT_EQ(Tracks(r.record_id), (std::vector<std::pair<uint32_t, std::string>>{
-                                     {1, "Track 1"}, {2, "Track 1a"}, {3, "Track 3"}}));
+  EXPECT_EQ(Tracks(r.record_id), (TrackList{{1, "Track 1"}, {2, "Track 1a"}, {3, "Track 3"}}));
 
   // Without the file-name flag untitled tracks are numbered by position.
   options_.flags = scan_flags::kDefault & ~scan_flags::kTitleFromFileName;
@@ -206,25 +191,18 @@ TEST_F(FolderScanTest, TrackNumbersFromNames) {
   WriteFile(plain / "b_song.mp3", Mp3({"", "A", "Z", ""}));
   WriteFile(plain / "a_song.mp3", Mp3({"Named", "A", "Z", ""}));
   r = Scan(plain);
-  EXPECT_EQ(Tracks(r.record_id),
-            (std::vector<std::pair<uint32_t, std::string>>{{1, "Named"}, {2, "Track 02"}}));
+  EXPECT_EQ(Tracks(r.record_id), (TrackList{{1, "Named"}, {2, "Track 02"}}));
   options_.flags = scan_flags::kDefault | scan_flags::kUnderscoreToBlank;
   fs::remove(plain / "a_song.mp3");
   r = Scan(plain);
-  EXPECT_EQ(Tracks(r.record_id), (std::vector<std::pair<uint32_t, std::string>>{{1, "b song"}}));
+  EXPECT_EQ(Tracks(r.record_id), (TrackList{{1, "b song"}}));
 }
 
 TEST_F(FolderScanTest, ArtistsCompilationsCommentsAndFallbacks) {
-  struct Case {
-    const char* folder;
-    const char* artist;
-    bool compilation;
-    const char* title;
-    const char* comment;
-    std::vector<Tags> tracks;
-  };
-  // clang-format off
-  const Case cases[] = {
+  // name, artist, compilation, title, comment, tracks
+  const std::tuple<const char*, const char*, bool, const char*, const char*, std::vector<Tags>>
+      // clang-format off
+      cases[] = {
       {"Same", "The Band", false, "Record", "",
        {{"a", "The Band", "Record", ""}, {"b", "The Band", "Record", ""}}},
       {"Case", "Various Artists", true, "Record", "",
@@ -241,25 +219,25 @@ TEST_F(FolderScanTest, ArtistsCompilationsCommentsAndFallbacks) {
        {{"a", "", "", "one"}, {"b", "", "", "two"}}},
   };
   // clang-format on
-  for (const Case& c : cases) {
-    const fs::path folder = dir_ / c.folder;
-    for (size_t i = 0; i < c.tracks.size(); ++i)
-      WriteFile(folder / (std::to_string(i + 1) + ".mp3"), Mp3(c.tracks[i]));
+  for (const auto& [name, artist, compilation, title, comment, tracks] : cases) {
+    const fs::path folder = dir_ / name;
+    for (size_t i = 0; i < tracks.size(); ++i)
+      WriteFile(folder / (std::to_string(i + 1) + ".mp3"), Mp3(tracks[i]));
     const FolderScanResult r = Scan(folder);
-    ASSERT_EQ(r.outcome, FolderOutcome::kAdded) << c.folder << ": " << r.message;
-    const AlbumRecord album = Album(r);
-    ASSERT_EQ(album.artists.size(), 1u) << c.folder;
-    EXPECT_EQ(album.artists[0], c.artist) << c.folder;
-    EXPECT_EQ(album.various_artists, c.compilation) << c.folder;
-    EXPECT_EQ(album.properties.Int(field::kIsCompilation), c.compilation ? 1 : 0) << c.folder;
-    EXPECT_EQ(album.properties.Text(field::kTitle), c.title) << c.folder;
-    EXPECT_EQ(album.properties.Text(field::kComment), c.comment) << c.folder;
+    ASSERT_EQ(r.outcome, FolderOutcome::kAdded) << name << ": " << r.message;
+    const AlbumRecord album = catalog_->ReadAlbum(r.album_id).value_or(AlbumRecord{});
+    ASSERT_EQ(album.artists.size(), 1u) << name;
+    EXPECT_EQ(album.artists[0], artist) << name;
+    EXPECT_EQ(album.various_artists, compilation) << name;
+    EXPECT_EQ(album.properties.Int(field::kIsCompilation), compilation ? 1 : 0) << name;
+    EXPECT_EQ(album.properties.Text(field::kTitle), title) << name;
+    EXPECT_EQ(album.properties.Text(field::kComment), comment) << name;
     const auto volume = catalog_->ReadVolume(r.record_id);
     ASSERT_TRUE(volume);
-    const bool shared = *c.comment != '\0';
+    const bool shared = *comment != '\0';
     for (const TrackRecord& t : volume->tracks)
-      EXPECT_EQ(t.properties.Text(field::kComment).empty(), shared || c.tracks[0].comment.empty())
-          << c.folder;
+      EXPECT_EQ(t.properties.Text(field::kComment).empty(), shared || tracks[0].comment.empty())
+          << name;
   }
 }
 

@@ -45,13 +45,9 @@ MediaFileTags ReadTag(const std::string& bytes, CoverPicture* picture = nullptr)
 }
 
 TEST(Id3v2, ReadsEachVersionAndEncoding) {
-  struct Case {
-    int major;
-    std::string data;
-    const char* title;
-  };
+  // major, data, title
   const char* const kAe = "A\xC3\xA9";
-  const std::vector<Case> cases = {
+  const std::tuple<int, std::string, const char*> cases[] = {
       {2, Latin1("A\xE9"), kAe},
       {2, std::string("\x01\xFF\xFE\x41\0\xE9\0", 7), kAe},
       {3, Latin1("A\xE9"), kAe},
@@ -66,10 +62,9 @@ TEST(Id3v2, ReadsEachVersionAndEncoding) {
       {4, std::string("\x02\0O\0K", 5), "OK"},
       {4, std::string("\x03OK\0", 4), "OK"},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(ReadTag(Tag(c.major, Frame(c.major, c.major == 2 ? "TT2" : "TIT2", c.data))).title,
-              c.title)
-        << c.major << " " << static_cast<int>(c.data[0]);
+  for (const auto& [major, data, title] : cases) {
+    EXPECT_EQ(ReadTag(Tag(major, Frame(major, major == 2 ? "TT2" : "TIT2", data))).title, title)
+        << major << " " << static_cast<int>(data[0]);
   }
 }
 
@@ -84,7 +79,8 @@ TEST(Id3v2, MapsTheFramesOfVersions22And23) {
   EXPECT_EQ(ReadTag(Tag(2, v22)),
             (MediaFileTags{.artist = "Art", .album = "Alb", .year = "1999", .lyrics = "la la",
                            .composer = "Comp", .conductor = "Cond", .lyricist = "Lyr",
-                           .genre = "Rock", .trackNumber = 5, .discNumber = 2, .formatName = "MP3"}));
+                           .genre = "Rock", .trackNumber = 5, .discNumber = 2,
+                           .formatName = "MP3"}));
 
   const std::string v23 = Frame(3, "TYER", Latin1("2003")) + Frame(3, "TDAT", Latin1("2512")) +
                           Frame(3, "TPUB", Latin1("Label")) + Frame(3, "TBPM", Latin1("120")) +
@@ -183,23 +179,19 @@ TEST(Id3v2, PrefersTheFrontCover) {
   };
   const std::string jpeg("\xFF\xD8\xFF\xE0jpeg", 8);
   const std::string png("\x89PNG\r\n\x1A\nrest", 12);
-  struct Case {
-    std::string frames;
-    std::string data;
-    PictureKind kind;
-  };
-  const std::vector<Case> cases = {
+  // frames, data, kind
+  const std::tuple<std::string, std::string, PictureKind> cases[] = {
       {apic(4, "image/png", png) + apic(3, "image/jpeg", jpeg), jpeg, PictureKind::kJpeg},
       {apic(3, "image/png", png) + apic(0, "image/jpeg", jpeg), png, PictureKind::kPng},
       {apic(0, "", jpeg), jpeg, PictureKind::kJpeg},
       {apic(3, "image/gif", "GIF89a"), "", PictureKind::kNone},
       {Frame(2, "PIC", std::string("\0PNG\x03", 5) + "d" + '\0' + png), "", PictureKind::kNone},
   };
-  for (const Case& c : cases) {
+  for (const auto& [frames, data, kind] : cases) {
     CoverPicture picture;
-    ReadTag(Tag(3, c.frames), &picture);
-    EXPECT_EQ(picture.data, c.data);
-    EXPECT_EQ(picture.kind, c.kind);
+    ReadTag(Tag(3, frames), &picture);
+    EXPECT_EQ(picture.data, data);
+    EXPECT_EQ(picture.kind, kind);
   }
   CoverPicture v22;
   ReadTag(Tag(2, Frame(2, "PIC", std::string("\0PNG\x03", 5) + "d" + '\0' + png)), &v22);
@@ -211,27 +203,22 @@ TEST(Mp3, ChecksTheFrameHeaderBehindTheTag) {
   std::string audio;
   for (int i = 0; i < 10; ++i)
     audio += kFrameHeader + std::string(413, '\0');
-  struct Case {
-    std::string file;
-    bool taken;
-    int32_t frames;
-    int32_t kbps;
-  };
+  // file, taken, frames, kbps
   // 4170 bytes at 128 kbit/s: 0.260625 s, 19 frames of 1/75 s.
-  const std::vector<Case> cases = {
+  const std::tuple<std::string, bool, int32_t, int32_t> cases[] = {
       {tag + audio, true, 19, 128},
       {audio, true, 19, 128},
       {tag + "\xFF\x1B" + audio, true, 0, 0},  // not a frame header: the tag alone
       {"\xFF\x1B" + audio, false, 0, 0},
       {std::string("\xFF\xFF\xF0\x00", 4) + audio, true, 0, 0},  // reserved values: not timed
   };
-  for (const Case& c : cases) {
-    MemorySource source(c.file);
+  for (const auto& [file, taken, frames, kbps] : cases) {
+    MemorySource source(file);
     MediaFileTags tags;
-    EXPECT_EQ(ReadMp3Info(source, tags, nullptr), c.taken);
-    EXPECT_EQ(tags.durationFrames, c.frames);
-    EXPECT_EQ(tags.bitrateKbps, c.kbps);
-    EXPECT_EQ(tags.formatName, c.taken ? "MP3" : "");
+    EXPECT_EQ(ReadMp3Info(source, tags, nullptr), taken);
+    EXPECT_EQ(tags.durationFrames, frames);
+    EXPECT_EQ(tags.bitrateKbps, kbps);
+    EXPECT_EQ(tags.formatName, taken ? "MP3" : "");
   }
 }
 

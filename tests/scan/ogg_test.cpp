@@ -37,16 +37,10 @@ std::string Comment(const std::vector<std::string>& comments, uint32_t vendor_le
 
 TEST(OggVorbis, ReadsHeaderPacketsAndTheLastGranule) {
   const std::string audio = Page(7, 16000, std::string(300, 'a'));
-  struct Case {
-    const char* name;
-    std::string file;
-    bool taken;
-    const char* title;
-    int32_t frames;
-  };
+  // name, file, taken, title, frames
   const std::string long_title = "TITLE=" + std::string(5000, 't');
   const std::string split = Comment({long_title});
-  const Case cases[] = {
+  const std::tuple<const char*, std::string, bool, const char*, int32_t> cases[] = {
       {"plain", Page(7, 0, kIdent) + Page(7, 0, Comment({"TITLE=T"})) + audio, true, "T", 150},
       {"comment over three pages",
        Page(7, 0, kIdent) + Page(7, 0, split.substr(0, 255 * 8), false) +
@@ -69,13 +63,13 @@ TEST(OggVorbis, ReadsHeaderPacketsAndTheLastGranule) {
       {"marker without pages", "junk" + Comment({"TITLE=Raw"}), true, "Raw", 0},
       {"nothing", std::string(100, 'x'), false, "", 0},
   };
-  for (const Case& c : cases) {
-    MemorySource source(c.file);
+  for (const auto& [name, file, taken, title, frames] : cases) {
+    MemorySource source(file);
     MediaFileTags tags;
-    EXPECT_EQ(ReadOggVorbisInfo(source, tags, true), c.taken) << c.name;
-    EXPECT_EQ(tags.title, c.title) << c.name;
-    EXPECT_EQ(tags.durationFrames, c.frames) << c.name;
-    EXPECT_EQ(tags.formatName, c.taken ? "OGG" : "") << c.name;
+    EXPECT_EQ(ReadOggVorbisInfo(source, tags, true), taken) << name;
+    EXPECT_EQ(tags.title, title) << name;
+    EXPECT_EQ(tags.durationFrames, frames) << name;
+    EXPECT_EQ(tags.formatName, taken ? "OGG" : "") << name;
   }
 }
 

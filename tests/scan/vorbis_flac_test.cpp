@@ -39,16 +39,13 @@ std::string Block(int type, const std::string& data, bool last) {
 }
 
 TEST(VorbisComment, MapsEveryFieldOfTheTable) {
-  struct Case {
-    std::vector<std::string> comments;
-    MediaFileTags expected;
-  };
   auto with = [](auto change) {
     MediaFileTags t;
     change(t);
     return t;
   };
-  const std::vector<Case> cases = {
+  // comments, expected
+  const std::tuple<std::vector<std::string>, MediaFileTags> cases[] = {
       {{"TITLE=  Song  ", "album=Disc"}, with([](auto& t) { t.title = "Song", t.album = "Disc"; })},
       {{"TRACKNUMBER=7/12"}, with([](auto& t) { t.trackNumber = 7; })},
       {{"TRACKNUMBER=0"}, MediaFileTags{}},
@@ -75,11 +72,11 @@ TEST(VorbisComment, MapsEveryFieldOfTheTable) {
        MediaFileTags{}},
       {{"TITLE=a=b"}, with([](auto& t) { t.title = "a=b"; })},
   };
-  for (const Case& c : cases) {
+  for (const auto& [comments, expected] : cases) {
     MediaFileTags tags;
-    const std::string block = CommentBlock(c.comments);
+    const std::string block = CommentBlock(comments);
     EXPECT_TRUE(ParseVorbisComment(Bytes(block), tags, true));
-    EXPECT_EQ(tags, c.expected) << c.comments.front();
+    EXPECT_EQ(tags, expected) << comments.front();
   }
 }
 
@@ -134,12 +131,8 @@ TEST(FlacPicture, TakesOnlyFrontCoversInJpegOrPng) {
     return Be32(type) + Be32(static_cast<uint32_t>(mime.size())) + mime + Be32(4) + "desc" +
            std::string(16, '\0') + Be32(data_length) + data;
   };
-  struct Case {
-    std::string block;
-    bool taken;
-    PictureKind kind;
-  };
-  const std::vector<Case> cases = {
+  // bytes, taken, kind
+  const std::tuple<std::string, bool, PictureKind> cases[] = {
       {block(3, "image/jpeg", "JPEG", 4), true, PictureKind::kJpeg},
       {block(3, "image/jpg", "JPEG", 4), true, PictureKind::kJpeg},
       {block(3, "image/png", "PNG!", 4), true, PictureKind::kPng},
@@ -152,24 +145,17 @@ TEST(FlacPicture, TakesOnlyFrontCoversInJpegOrPng) {
       {block(3, "image/png", "PNG!", 0xFFFFFFFF), false, PictureKind::kNone},
       {Be32(3) + Be32(0xFFFFFFF0) + "image/png", false, PictureKind::kNone},
   };
-  for (const Case& c : cases) {
+  for (const auto& [bytes, taken, kind] : cases) {
     CoverPicture picture;
-    EXPECT_EQ(ParseFlacPicture(Bytes(c.block), picture), c.taken) << c.block.size();
-    EXPECT_EQ(picture.kind, c.kind);
-    EXPECT_EQ(picture.data.empty(), !c.taken);
+    EXPECT_EQ(ParseFlacPicture(Bytes(bytes), picture), taken) << bytes.size();
+    EXPECT_EQ(picture.kind, kind);
+    EXPECT_EQ(picture.data.empty(), !taken);
   }
 }
 
 TEST(FlacReader, ReadsStreamInfoTagsAndTheSkipRules) {
   const std::string comment = Block(4, CommentBlock({"TITLE=T", "ARTIST=A"}), true);
-  struct Case {
-    const char* name;
-    std::string file;
-    bool want_tags;
-    FlacResult result;
-    std::string title;
-    int32_t frames;
-  };
+  // name, file, want_tags, result, title, frames
   const std::string id3 = std::string("ID3\x03\x00\x00\x00\x00\x00\x05", 10) + "pad!!";
   std::string extended = id3;
   extended[5] = 0x40;
@@ -180,7 +166,7 @@ TEST(FlacReader, ReadsStreamInfoTagsAndTheSkipRules) {
   const std::string one = "fLaC" + StreamInfo(8000, 34, false),
                     two = "fLaC" + StreamInfo(16000, 34, false);
   using enum FlacResult;
-  const std::vector<Case> cases = {
+  const std::tuple<const char*, std::string, bool, FlacResult, std::string, int32_t> cases[] = {
       {"plain", two + comment, true, kRead, "T", 150},
       {"no tags wanted", two + comment, false, kRead, "", 150},
       {"last block", "fLaC" + StreamInfo(8000, 34, true) + comment, true, kRead, "", 75},
@@ -199,14 +185,14 @@ TEST(FlacReader, ReadsStreamInfoTagsAndTheSkipRules) {
       {"zero-length block ends", one + Block(1, "", false) + comment, true, kRead, "", 75},
       {"type 127 ends", one + Block(127, "xx", false) + comment, true, kRead, "", 75},
   };
-  for (const Case& c : cases) {
-    MemorySource source(c.file);
+  for (const auto& [name, file, want_tags, result, title, frames] : cases) {
+    MemorySource source(file);
     MediaFileTags tags;
-    EXPECT_EQ(ReadFlacInfo(source, tags, c.want_tags, true, nullptr), c.result) << c.name;
-    EXPECT_EQ(tags.title, c.title) << c.name;
-    EXPECT_EQ(tags.durationFrames, c.frames) << c.name;
-    EXPECT_EQ(tags.formatName, c.frames > 0 || c.name == std::string("zero rate") ? "FLAC" : "")
-        << c.name;
+    EXPECT_EQ(ReadFlacInfo(source, tags, want_tags, true, nullptr), result) << name;
+    EXPECT_EQ(tags.title, title) << name;
+    EXPECT_EQ(tags.durationFrames, frames) << name;
+    EXPECT_EQ(tags.formatName, frames > 0 || name == std::string("zero rate") ? "FLAC" : "")
+        << name;
   }
 }
 
