@@ -90,11 +90,10 @@ TEST(Asf, MapsTheAttributes) {
   CoverPicture cover;
   ASSERT_TRUE(Wma(Asf({FileProperties(0, 0, 0), Object(kExtended, ext)}), tags, &cover));
   // The track number is stored zero-based.
-  // clang-format off
-  EXPECT_EQ(tags, (MediaFileTags{.artist = "Ärtist", .album = "Album", .year = "1998",
-                                 .composer = "Comp", .genre = "Jazz", .trackNumber = 4,
-                                 .formatName = "WMA"}));
-  // clang-format on
+  EXPECT_EQ(tags, With([&](MediaFileTags& t) {
+              t.artist = "Ärtist", t.album = "Album", t.year = "1998", t.composer = "Comp",
+              t.genre = "Jazz", t.trackNumber = 4, t.formatName = "WMA";
+            }));
   EXPECT_EQ(cover.data, "PNG!");
   EXPECT_EQ(cover.kind, PictureKind::kPng);
 

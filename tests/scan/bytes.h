@@ -1,10 +1,12 @@
-// Byte builders for the tag reader tests: little- and big-endian integers,
-// ID3v2 syncsafe sizes, and a string viewed as bytes.
+// Builders for the tag reader tests: little- and big-endian integers, ID3v2
+// syncsafe sizes, a string viewed as bytes, and expected tag records.
 #pragma once
 
 #include <cstdint>
 #include <span>
 #include <string>
+
+#include "dischive/tags.h"
 
 namespace dischive::test {
 
@@ -29,6 +31,14 @@ inline std::string Syncsafe(uint32_t v) {
 }
 inline std::span<const uint8_t> Bytes(const std::string& s) {
   return {reinterpret_cast<const uint8_t*>(s.data()), s.size()};
+}
+
+// A default tag record with the changes `change` makes.
+template <typename Change>
+MediaFileTags With(Change change) {
+  MediaFileTags tags;
+  change(tags);
+  return tags;
 }
 
 }  // namespace dischive::test

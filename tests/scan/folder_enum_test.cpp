@@ -141,7 +141,7 @@ TEST(FolderEnumerationTest, RecordIdFormula) {
     FolderListing listing;
     listing.byte_total = side_bytes;
     for (uint64_t size : sizes) {
-      listing.files.push_back({.size = size});
+      listing.files.emplace_back().size = size;
       listing.byte_total += size;
     }
     EXPECT_EQ(FolderRecordId(listing), id) << sizes.size() << " files";

@@ -39,38 +39,33 @@ std::string Block(int type, const std::string& data, bool last) {
 }
 
 TEST(VorbisComment, MapsEveryFieldOfTheTable) {
-  auto with = [](auto change) {
-    MediaFileTags t;
-    change(t);
-    return t;
-  };
   // comments, expected
   const std::tuple<std::vector<std::string>, MediaFileTags> cases[] = {
-      {{"TITLE=  Song  ", "album=Disc"}, with([](auto& t) { t.title = "Song", t.album = "Disc"; })},
-      {{"TRACKNUMBER=7/12"}, with([](auto& t) { t.trackNumber = 7; })},
+      {{"TITLE=  Song  ", "album=Disc"}, With([](auto& t) { t.title = "Song", t.album = "Disc"; })},
+      {{"TRACKNUMBER=7/12"}, With([](auto& t) { t.trackNumber = 7; })},
       {{"TRACKNUMBER=0"}, MediaFileTags{}},
-      {{"TRACKNUMBER=1023"}, with([](auto& t) { t.trackNumber = 1023; })},
+      {{"TRACKNUMBER=1023"}, With([](auto& t) { t.trackNumber = 1023; })},
       {{"TRACKNUMBER=3", "TRACKNUMBER=1024"}, MediaFileTags{}},
       {{"DISCNUMBER=0"}, MediaFileTags{}},
-      {{"DISCNUMBER=2000"}, with([](auto& t) { t.discNumber = 2000; })},
+      {{"DISCNUMBER=2000"}, With([](auto& t) { t.discNumber = 2000; })},
       {{"BPM=-5"}, MediaFileTags{}},
-      {{"BPM=128"}, with([](auto& t) { t.bpm = 128; })},
-      {{"ARTIST=A", "Artist=B"}, with([](auto& t) { t.artist = "A, B"; })},
-      {{"ARTISTSORT=A"}, with([](auto& t) { t.artistSort = "A"; })},
+      {{"BPM=128"}, With([](auto& t) { t.bpm = 128; })},
+      {{"ARTIST=A", "Artist=B"}, With([](auto& t) { t.artist = "A, B"; })},
+      {{"ARTISTSORT=A"}, With([](auto& t) { t.artistSort = "A"; })},
       {{"ARTISTSORT=A", "ARTISTSORT=B"}, MediaFileTags{}},
-      {{"ARTISTSORT=A", "ARTISTSORT=B", "ARTISTSORT=C"}, with([](auto& t) { t.artistSort = "C"; })},
-      {{"DESCRIPTION=first", "COMMENT=second"}, with([](auto& t) { t.comment = "first"; })},
-      {{"COMMENT=one", "DESCRIPTION=two"}, with([](auto& t) { t.comment = "one"; })},
+      {{"ARTISTSORT=A", "ARTISTSORT=B", "ARTISTSORT=C"}, With([](auto& t) { t.artistSort = "C"; })},
+      {{"DESCRIPTION=first", "COMMENT=second"}, With([](auto& t) { t.comment = "first"; })},
+      {{"COMMENT=one", "DESCRIPTION=two"}, With([](auto& t) { t.comment = "one"; })},
       {{"PERFORMER=P", "GENRE=G", "DATE=2001-02", "COMPOSER=C", "CONDUCTOR=D", "LYRICIST=L",
         "LYRICS=la"},
-       with([](auto& t) {
+       With([](auto& t) {
          t.performer = "P", t.genre = "G", t.year = "2001-02", t.composer = "C";
          t.conductor = "D", t.lyricist = "L", t.lyrics = "la";
        })},
-      {{"LABEL=One", "ORGANIZATION=Two"}, with([](auto& t) { t.label = "Two"; })},
+      {{"LABEL=One", "ORGANIZATION=Two"}, With([](auto& t) { t.label = "Two"; })},
       {{"LOCATION=Hall", "UNKNOWN=x", "TITLE=", "TITLE=   ", "=value", "noequals"},
        MediaFileTags{}},
-      {{"TITLE=a=b"}, with([](auto& t) { t.title = "a=b"; })},
+      {{"TITLE=a=b"}, With([](auto& t) { t.title = "a=b"; })},
   };
   for (const auto& [comments, expected] : cases) {
     MediaFileTags tags;
