@@ -122,15 +122,9 @@ TEST(Id3v2, ParsesGenreTexts) {
 }
 
 TEST(Id3v2, UndoesUnsynchronisation) {
-  // 2.3: the whole tag; the title holds 0xFF bytes (ÿ in Latin-1).
-  const std::string title = Latin1("\xFF\xFFx\xFF");
-  std::string frame = Frame(3, "TIT2", title);
-  // Unsynchronise: insert 0x00 after every 0xFF.
-  std::string unsynced;
-  for (char c : frame) {
-    unsynced += c;
-    if (static_cast<uint8_t>(c) == 0xFF) unsynced += '\0';
-  }
+  // 2.3: the whole tag, unsynchronised (0x00 after every 0xFF); the frame's size
+  // is that of the title 0xFF 0xFF x 0xFF in Latin-1.
+  const std::string unsynced = "TIT2" + Be32(5) + std::string("\0\0\0\xFF\0\xFF\0x\xFF\0", 10);
   EXPECT_EQ(ReadTag(Tag(3, unsynced, 0x80)).title, "\xC3\xBF\xC3\xBFx\xC3\xBF");
   // 2.4: per frame, the size counting the unsynchronised bytes.
   const std::string data = Latin1(std::string("\xFF\x00z", 3));
