@@ -22,13 +22,10 @@ std::string CommentBlock(const std::vector<std::string>& comments) {
 
 // STREAMINFO with 8000 Hz and `samples` samples, of `length` bytes (34 or more).
 std::string StreamInfo(uint64_t samples, uint32_t length, bool last) {
-  std::string data(34, '\0');
-  data[10] = static_cast<char>(8000 >> 12);
-  data[11] = static_cast<char>((8000 >> 4) & 0xFF);
-  data[12] = static_cast<char>((8000 & 0x0F) << 4);
-  data[13] = static_cast<char>((samples >> 32) & 0x0F);
-  const std::string low = Be32(static_cast<uint32_t>(samples));
-  data.replace(14, 4, low);
+  // 20-bit rate 0x01F40, then 36 bits of sample count.
+  std::string data = std::string(10, '\0') + "\x01\xF4" + '\0' +
+                     static_cast<char>((samples >> 32) & 0x0F) +
+                     Be32(static_cast<uint32_t>(samples));
   data.resize(length, '\0');
   return std::string(1, static_cast<char>(last ? 0x80 : 0x00)) + Be24(length) + data;
 }
