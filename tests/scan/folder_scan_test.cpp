@@ -54,7 +54,8 @@ TEST(FolderEnumerationTest, EmptyHiddenAndMissingFolders) {
   WriteFile(dir / "hidden" / ".a.mp3", "x");
   WriteFile(dir / "hidden" / ".b.flac", "x");
   fs::create_directories(dir / "empty");
-  std::vector<std::pair<fs::path, uint32_t>> reported;
+  using Reports = std::vector<std::pair<fs::path, uint32_t>>;
+  Reports reported;
   const FolderErrorCallback report = [&](const fs::path& folder, uint32_t error) {
     reported.emplace_back(folder, error);
   };
@@ -67,15 +68,12 @@ TEST(FolderEnumerationTest, EmptyHiddenAndMissingFolders) {
   std::vector<std::string> lines;
   ScanLog log([&lines](std::string_view line) { lines.emplace_back(line); });
   EXPECT_FALSE(EnumerateFolder(dir / "missing", {"mp3"}, listing, &log, report));
-  ASSERT_EQ(reported.size(), 1u);
-  EXPECT_EQ(reported[0].first, dir / "missing");
-  EXPECT_EQ(reported[0].second, 3u);  // path not found
+  EXPECT_EQ(reported, (Reports{{dir / "missing", 3}}));  // path not found
   EXPECT_EQ(lines.back(), "GetLastError = 00000003");
 
   WriteFile(dir / "plain", "x");
   EXPECT_FALSE(EnumerateFolder(dir / "plain", {"mp3"}, listing, nullptr, report));
-  ASSERT_EQ(reported.size(), 2u);
-  EXPECT_EQ(reported[1].second, 3u);  // not a folder
+  EXPECT_EQ(reported, (Reports{{dir / "missing", 3}, {dir / "plain", 3}}));  // not a folder
 }
 
 TEST(FolderEnumerationTest, StampNoticesSizeTimeAndSideFiles) {
