@@ -128,19 +128,18 @@ const std::string kFmt =
     Chunk("fmt ", Le16(1) + Le16(2) + Le32(44100) + Le32(176400) + Le16(4) + Le16(16));
 
 TEST(RiffWave, TimesTheDataChunk) {
-  // name, file, taken, frames, title
-  const std::string second(176400, '\0');
+  const std::string data = Chunk("data", std::string(176400, '\0'));  // one second
   const std::string info = Chunk("LIST", "INFO" + Chunk("INAM", "Odd") + Chunk("IART", "Art!"));
+  // name, file, taken, frames, title
   const std::tuple<const char*, std::string, bool, int32_t, const char*> cases[] = {
-      {"plain", Wave(kFmt + Chunk("data", second)), true, 75, ""},
-      {"odd chunk before fmt", Wave(Chunk("junk", "abc") + kFmt + Chunk("data", second)), true, 75,
-       ""},
-      {"info with a pad byte", Wave(kFmt + info + Chunk("data", second)), true, 75, "Odd"},
-      {"info after data", Wave(kFmt + Chunk("data", second) + info), true, 75, "Odd"},
-      {"data size beyond the file", Wave(kFmt + "data" + Le32(0xFFFFFFFF) + second), true, 75, ""},
-      {"no fmt", Wave(Chunk("data", second)), false, 0, ""},
-      {"zero byte rate", Wave(Chunk("fmt ", std::string(16, '\0')) + Chunk("data", second)), true,
-       0, ""},
+      {"plain", Wave(kFmt + data), true, 75, ""},
+      {"odd chunk before fmt", Wave(Chunk("junk", "abc") + kFmt + data), true, 75, ""},
+      {"info with a pad byte", Wave(kFmt + info + data), true, 75, "Odd"},
+      {"info after data", Wave(kFmt + data + info), true, 75, "Odd"},
+      {"data size beyond the file",
+       Wave(kFmt + "data" + Le32(0xFFFFFFFF) + std::string(176400, '\0')), true, 75, ""},
+      {"no fmt", Wave(data), false, 0, ""},
+      {"zero byte rate", Wave(Chunk("fmt ", std::string(16, '\0')) + data), true, 0, ""},
       {"not wave", "RIFF" + Le32(4) + "AVI " + kFmt, false, 0, ""},
   };
   for (const auto& [name, file, taken, frames, title] : cases) {

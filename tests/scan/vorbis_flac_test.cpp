@@ -223,27 +223,25 @@ std::string Comment(const std::vector<std::string>& comments, uint32_t vendor_le
 
 TEST(OggVorbis, ReadsHeaderPacketsAndTheLastGranule) {
   const std::string audio = Page(7, 16000, std::string(300, 'a'));
-  // name, file, taken, title, frames
   const std::string long_title = "TITLE=" + std::string(5000, 't');
   const std::string split = Comment({long_title});
+  const std::string ident = Page(7, 0, kIdent), tagged = ident + Page(7, 0, Comment({"TITLE=T"}));
+  // name, file, taken, title, frames
   const std::tuple<const char*, std::string, bool, const char*, int32_t> cases[] = {
-      {"plain", Page(7, 0, kIdent) + Page(7, 0, Comment({"TITLE=T"})) + audio, true, "T", 150},
+      {"plain", tagged + audio, true, "T", 150},
       {"comment over three pages",
-       Page(7, 0, kIdent) + Page(7, 0, split.substr(0, 255 * 8), false) +
+       ident + Page(7, 0, split.substr(0, 255 * 8), false) +
            Page(7, 0, split.substr(255 * 8, 255 * 8), false) + Page(7, 0, split.substr(255 * 16)) +
            audio,
        true, long_title.c_str() + 6, 150},
       {"another stream's page between",
-       Page(7, 0, kIdent) + Page(9, 0, "other") + Page(7, 0, Comment({"TITLE=T"})) + audio, true,
-       "T", 150},
+       ident + Page(9, 0, "other") + Page(7, 0, Comment({"TITLE=T"})) + audio, true, "T", 150},
       {"zero vendor length discards the header",
-       Page(7, 0, kIdent) + Page(7, 0, Comment({"TITLE=T"}, 0)) + audio, true, "", 150},
+       ident + Page(7, 0, Comment({"TITLE=T"}, 0)) + audio, true, "", 150},
       {"comment length beyond the file",
-       Page(7, 0, kIdent) +
-           Page(7, 0, Comment({"TITLE=T"}).substr(0, 20) + Le32(1) + Le32(40000000)),
-       true, "", 0},
-      {"no audio page: no time", Page(7, 0, kIdent) + Page(7, 0, Comment({"TITLE=T"})), true, "T",
+       ident + Page(7, 0, Comment({"TITLE=T"}).substr(0, 20) + Le32(1) + Le32(40000000)), true, "",
        0},
+      {"no audio page: no time", tagged, true, "T", 0},
       {"opus, not vorbis", Page(7, 0, "OpusHead....") + Page(7, 0, "OpusTags....") + audio, false,
        "", 0},
       {"marker without pages", "junk" + Comment({"TITLE=Raw"}), true, "Raw", 0},
