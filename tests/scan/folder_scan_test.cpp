@@ -18,6 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 using test::TempDir;
 using test::WriteFile;
+using enum FolderOutcome;
 
 std::vector<std::string> Names(const FolderListing& listing) {
   std::vector<std::string> names;
@@ -274,18 +275,17 @@ TEST_F(FolderScanTest, ExclusionAndAttachment) {
   WriteFile(folder / "01.mp3", Mp3({"One", "Artist", "Album", ""}));
   WriteFile(folder / "02.mp3", Mp3({"Two", "Artist", "Album", ""}));
 
+  const char* const attached = "Folder skipped due to attached record";
   // ini, section, forced, outcome, result, line
   const std::tuple<const char*, const char*, bool, FolderOutcome, int, const char*> cases[] = {
-      {"[ScanOptions]\nExclude=1\n", "", false, FolderOutcome::kExcluded, 0, "Folder excluded"},
-      {"[Mine]\nExclude=1\n", "Mine", false, FolderOutcome::kExcluded, 0, "Folder excluded"},
-      {"[ScanOptions]\nExclude=1\n", "Mine", false, FolderOutcome::kExcluded, 0, "Folder excluded"},
-      {"[Mine]\nExclude=1\n", "", false, FolderOutcome::kAdded, 1, "Folder finished"},
-      {"[ScanOptions]\nExclude=0\nID=12345665\n", "", false, FolderOutcome::kAttached, 1,
-       "Folder skipped due to attached record"},
-      {"[ScanOptions]\nExclude=1\nID=00000001\n", "", true, FolderOutcome::kAttached, 1,
-       "Folder skipped due to attached record"},
-      {"[ScanOptions]\nID=12345666\n", "", false, FolderOutcome::kAdded, 1, "Folder finished"},
-      {"[ScanOptions]\nID=12345666\n", "", false, FolderOutcome::kUnchanged, 1,
+      {"[ScanOptions]\nExclude=1\n", "", false, kExcluded, 0, "Folder excluded"},
+      {"[Mine]\nExclude=1\n", "Mine", false, kExcluded, 0, "Folder excluded"},
+      {"[ScanOptions]\nExclude=1\n", "Mine", false, kExcluded, 0, "Folder excluded"},
+      {"[Mine]\nExclude=1\n", "", false, kAdded, 1, "Folder finished"},
+      {"[ScanOptions]\nExclude=0\nID=12345665\n", "", false, kAttached, 1, attached},
+      {"[ScanOptions]\nExclude=1\nID=00000001\n", "", true, kAttached, 1, attached},
+      {"[ScanOptions]\nID=12345666\n", "", false, kAdded, 1, "Folder finished"},
+      {"[ScanOptions]\nID=12345666\n", "", false, kUnchanged, 1,
        "Folder skipped due to existing record"},
   };
   for (const auto& [ini, section, forced, outcome, result, line] : cases) {
@@ -297,7 +297,7 @@ TEST_F(FolderScanTest, ExclusionAndAttachment) {
     EXPECT_EQ(r.result, result) << ini;
     EXPECT_TRUE(HasLine(lines_, line)) << ini;
     EXPECT_TRUE(HasLine(lines_, "Processing folder with 2 files"));
-    if (outcome == FolderOutcome::kAdded && std::string(ini).find("ID=") == std::string::npos) {
+    if (outcome == kAdded && std::string(ini).find("ID=") == std::string::npos) {
       ASSERT_TRUE(catalog_->DeleteAlbum(r.album_id) == kOk);
     }
   }
@@ -313,13 +313,13 @@ TEST_F(FolderScanTest, UnchangedFolderSkippedAndChangedOneRescanned) {
   WriteFile(folder / "02.mp3", Mp3({"Two", "Artist", "Album", ""}));
 
   const FolderScanResult first = Scan(folder);
-  ASSERT_EQ(first.outcome, FolderOutcome::kAdded) << first.message;
+  ASSERT_EQ(first.outcome, kAdded) << first.message;
   EXPECT_EQ(lines_.back(), "Folder finished");
   FolderListing listing;
   EnumerateFolder(folder, options_.extensions, listing);
   EXPECT_EQ(first.record_id, FolderRecordId(listing));
 
-  EXPECT_EQ(Scan(folder).outcome, FolderOutcome::kUnchanged);
+  EXPECT_EQ(Scan(folder).outcome, kUnchanged);
   EXPECT_EQ(lines_.back(), "Folder skipped due to existing record");
 
   // A new modification time alone makes the folder scanned again, into the
@@ -327,35 +327,35 @@ TEST_F(FolderScanTest, UnchangedFolderSkippedAndChangedOneRescanned) {
   fs::last_write_time(folder / "02.mp3",
                       fs::last_write_time(folder / "02.mp3") + std::chrono::seconds(5));
   FolderScanResult r = Scan(folder);
-  EXPECT_EQ(r.outcome, FolderOutcome::kUpdated);
+  EXPECT_EQ(r.outcome, kUpdated);
   EXPECT_EQ(r.album_id, first.album_id);
-  EXPECT_EQ(Scan(folder).outcome, FolderOutcome::kUnchanged);
+  EXPECT_EQ(Scan(folder).outcome, kUnchanged);
 
   // A file more changes the size and the computed id; the album is updated.
   WriteFile(folder / "03.mp3", Mp3({"Three", "Artist", "Album", ""}));
   r = Scan(folder);
-  EXPECT_EQ(r.outcome, FolderOutcome::kUpdated);
+  EXPECT_EQ(r.outcome, kUpdated);
   EXPECT_EQ(r.album_id, first.album_id);
   EXPECT_EQ(Tracks(r.record_id).size(), 3u);
   EXPECT_EQ(catalog_->AlbumCount(), 1u);
 
   // Other flags in the compared bits rescan; the never-skip flag always does.
   options_.flags = scan_flags::kDefault | 0x02;
-  EXPECT_EQ(Scan(folder).outcome, FolderOutcome::kUpdated);
-  EXPECT_EQ(Scan(folder).outcome, FolderOutcome::kUnchanged);
+  EXPECT_EQ(Scan(folder).outcome, kUpdated);
+  EXPECT_EQ(Scan(folder).outcome, kUnchanged);
   options_.flags |= 0x20000000;  // beyond the compared bits
-  EXPECT_EQ(Scan(folder).outcome, FolderOutcome::kUnchanged);
+  EXPECT_EQ(Scan(folder).outcome, kUnchanged);
   options_.flags |= scan_flags::kNeverSkipUnchanged;
-  EXPECT_EQ(Scan(folder).outcome, FolderOutcome::kUpdated);
+  EXPECT_EQ(Scan(folder).outcome, kUpdated);
   // A different extension list changes the third value.
   options_.flags = scan_flags::kDefault | 0x02;
   options_.extensions = {"mp3", "flac"};
-  EXPECT_EQ(Scan(folder).outcome, FolderOutcome::kUpdated);
+  EXPECT_EQ(Scan(folder).outcome, kUpdated);
 
   // Removing a file drops its track.
   fs::remove(folder / "01.mp3");
   r = Scan(folder);
-  EXPECT_EQ(r.outcome, FolderOutcome::kUpdated);
+  EXPECT_EQ(r.outcome, kUpdated);
   EXPECT_EQ(Tracks(r.record_id), (TrackList{{1, "Two"}, {2, "Three"}}));
 }
 
@@ -365,7 +365,7 @@ TEST_F(FolderScanTest, TrackNumbersFromNames) {
   WriteFile(numbered / "track2.mp3", Mp3({"", "A", "X", ""}));
   WriteFile(numbered / "TRACK 03.mp3", Mp3({"", "A", "X", ""}));
   FolderScanResult r = Scan(numbered);
-  ASSERT_EQ(r.outcome, FolderOutcome::kAdded) << r.message;
+  ASSERT_EQ(r.outcome, kAdded) << r.message;
   EXPECT_EQ(Tracks(r.record_id), (TrackList{{1, "Track 01"}, {2, "Track 02"}, {3, "Track 03"}}));
 
   const fs::path mixed = dir_ / "Mixed";
@@ -414,7 +414,7 @@ TEST_F(FolderScanTest, ArtistsCompilationsCommentsAndFallbacks) {
     for (size_t i = 0; i < tracks.size(); ++i)
       WriteFile(folder / (std::to_string(i + 1) + ".mp3"), Mp3(tracks[i]));
     const FolderScanResult r = Scan(folder);
-    ASSERT_EQ(r.outcome, FolderOutcome::kAdded) << name << ": " << r.message;
+    ASSERT_EQ(r.outcome, kAdded) << name << ": " << r.message;
     const AlbumRecord album = catalog_->ReadAlbum(r.album_id).value_or(AlbumRecord{});
     ASSERT_EQ(album.artists.size(), 1u) << name;
     EXPECT_EQ(album.artists[0], artist) << name;
@@ -437,17 +437,17 @@ TEST_F(FolderScanTest, FoldersWithTheSameSizesKeepTheirOwnRecords) {
   WriteFile(dir_ / "Q" / "1.mp3", bytes);
   const FolderScanResult p = Scan(dir_ / "P");
   const FolderScanResult q = Scan(dir_ / "Q");
-  ASSERT_EQ(p.outcome, FolderOutcome::kAdded) << p.message;
-  ASSERT_EQ(q.outcome, FolderOutcome::kAdded) << q.message;
+  ASSERT_EQ(p.outcome, kAdded) << p.message;
+  ASSERT_EQ(q.outcome, kAdded) << q.message;
   EXPECT_EQ(q.record_id & 0x00FFFFFF, p.record_id & 0x00FFFFFF);
   EXPECT_EQ(q.record_id >> 24, ((p.record_id >> 24) + 1) % 255) << "the next checksum byte";
-  EXPECT_EQ(Scan(dir_ / "P").outcome, FolderOutcome::kUnchanged);
-  EXPECT_EQ(Scan(dir_ / "Q").outcome, FolderOutcome::kUnchanged);
+  EXPECT_EQ(Scan(dir_ / "P").outcome, kUnchanged);
+  EXPECT_EQ(Scan(dir_ / "Q").outcome, kUnchanged);
 
   // P's album deleted: P is scanned anew and never takes over Q's record.
   ASSERT_EQ(catalog_->DeleteAlbum(p.album_id), kOk);
   const FolderScanResult again = Scan(dir_ / "P");
-  EXPECT_EQ(again.outcome, FolderOutcome::kAdded);
+  EXPECT_EQ(again.outcome, kAdded);
   EXPECT_NE(again.album_id, q.album_id);
   EXPECT_EQ(catalog_->AlbumCount(), 2u);
 }
@@ -457,11 +457,11 @@ TEST_F(FolderScanTest, CoverPictureOfTheFolder) {
   WriteFile(folder / "1.mp3", Mp3({"a", "A", "Covered", ""}));
   WriteFile(folder / "Cover.JPG", "\xFF\xD8 first picture");
   FolderScanResult r = Scan(folder);
-  ASSERT_EQ(r.outcome, FolderOutcome::kAdded) << r.message;
+  ASSERT_EQ(r.outcome, kAdded) << r.message;
   EXPECT_EQ(catalog_->ReadCover(r.record_id), "\xFF\xD8 first picture");
   WriteFile(folder / "Cover.JPG", "\xFF\xD8 second picture!");
   r = Scan(folder);
-  EXPECT_EQ(r.outcome, FolderOutcome::kUpdated) << "a changed picture file changes the stamp";
+  EXPECT_EQ(r.outcome, kUpdated) << "a changed picture file changes the stamp";
   EXPECT_EQ(catalog_->ReadCover(r.record_id), "\xFF\xD8 second picture!");
 }
 
