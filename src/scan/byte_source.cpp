@@ -8,6 +8,18 @@
 #include "platform/file.h"
 
 namespace dischive {
+namespace {
+
+// Moves `pos` for both sources; refuses targets before the start and sums
+// that would overflow.
+bool MovePosition(int64_t& pos, int64_t offset, SeekFrom from) {
+  const int64_t base = from == SeekFrom::kStart ? 0 : pos;
+  if (offset < -base || (offset > 0 && base > INT64_MAX - offset)) return false;
+  pos = base + offset;
+  return true;
+}
+
+}  // namespace
 
 size_t MemorySource::Read(void* buffer, size_t count) {
   const auto size = static_cast<int64_t>(bytes_.size());
@@ -20,11 +32,7 @@ size_t MemorySource::Read(void* buffer, size_t count) {
 }
 
 bool MemorySource::Seek(int64_t offset, SeekFrom from) {
-  const int64_t base = from == SeekFrom::kStart ? 0 : pos_;
-  // Refuse targets before the start and sums that would overflow.
-  if (offset < -base || (offset > 0 && base > INT64_MAX - offset)) return false;
-  pos_ = base + offset;
-  return true;
+  return MovePosition(pos_, offset, from);
 }
 
 std::unique_ptr<FileSource> FileSource::Open(const std::filesystem::path& path, HResult& error) {
@@ -82,10 +90,7 @@ size_t FileSource::Read(void* buffer, size_t count) {
 }
 
 bool FileSource::Seek(int64_t offset, SeekFrom from) {
-  const int64_t base = from == SeekFrom::kStart ? 0 : pos_;
-  if (offset < -base || (offset > 0 && base > INT64_MAX - offset)) return false;
-  pos_ = base + offset;
-  return true;
+  return MovePosition(pos_, offset, from);
 }
 
 int64_t FileSource::Size() {

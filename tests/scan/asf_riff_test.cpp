@@ -5,19 +5,13 @@
 
 #include "dischive/tag_readers.h"
 #include "dischive/text.h"
+#include "scan/bytes.h"
 
 namespace dischive {
 namespace {
 
-std::string Le16(uint32_t v) {
-  return {static_cast<char>(v), static_cast<char>(v >> 8)};
-}
-std::string Le32(uint32_t v) {
-  return Le16(v) + Le16(v >> 16);
-}
-std::string Le64(uint64_t v) {
-  return Le32(static_cast<uint32_t>(v)) + Le32(static_cast<uint32_t>(v >> 32));
-}
+using namespace test;
+
 std::string Guid(std::initializer_list<int> bytes) {
   std::string g;
   for (int b : bytes)
@@ -50,6 +44,12 @@ std::string Attribute(const std::string& name, uint32_t type, const std::string&
          Le16(static_cast<uint32_t>(value.size())) + value;
 }
 
+// Reads `file` into `tags`, which may hold values before.
+bool Wma(const std::string& file, MediaFileTags& tags, CoverPicture* cover = nullptr) {
+  MemorySource source(file);
+  return ReadWmaInfo(source, tags, cover);
+}
+
 std::string Asf(const std::vector<std::string>& objects) {
   std::string body;
   for (const std::string& o : objects)
@@ -59,26 +59,20 @@ std::string Asf(const std::vector<std::string>& objects) {
 }
 
 TEST(Asf, TruncatesTheDurationToWholeTwentyFifths) {
-  struct Case {
-    uint64_t duration;  // 100 ns units, without preroll
-    int32_t frames;
-  };
-  const Case cases[] = {{399999, 0}, {400000, 3}, {799999, 3}, {10240000, 75}, {0, 0}};
-  for (const Case& c : cases) {
+  // duration, frames  // 100 ns units, without preroll
+  const std::tuple<uint64_t, int32_t> cases[] = {
+      {399999, 0}, {400000, 3}, {799999, 3}, {10240000, 75}, {0, 0}};
+  for (const auto& [duration, frames] : cases) {
     // The preroll (3.1 s, as ffmpeg writes it) is not playing time.
-    const std::string file = Asf({FileProperties(c.duration + 31000000, 3100, 128000)});
-    MemorySource source(file);
     MediaFileTags tags;
-    ASSERT_TRUE(ReadWmaInfo(source, tags, nullptr));
-    EXPECT_EQ(tags.durationFrames, c.frames) << c.duration;
+    ASSERT_TRUE(Wma(Asf({FileProperties(duration + 31000000, 3100, 128000)}), tags));
+    EXPECT_EQ(tags.durationFrames, frames) << duration;
     EXPECT_EQ(tags.bitrateKbps, 128);
     EXPECT_EQ(tags.formatName, "WMA");
   }
   // A preroll longer than the play duration gives 0, not a wrapped value.
-  const std::string file = Asf({FileProperties(1000, 5000, 0)});
-  MemorySource source(file);
   MediaFileTags tags;
-  ASSERT_TRUE(ReadWmaInfo(source, tags, nullptr));
+  ASSERT_TRUE(Wma(Asf({FileProperties(1000, 5000, 0)}), tags));
   EXPECT_EQ(tags.durationFrames, 0);
 }
 
@@ -92,17 +86,14 @@ TEST(Asf, MapsTheAttributes) {
       Attribute("WM/Track", 3, dword3) + Attribute("Author", 0, Wide("Ärtist")) +
       Attribute("WM/Picture", 1, picture) + Attribute("WM/Unknown", 0, Wide("x")) +
       Attribute("WM/Composer", 0, Wide("Comp"));
-  const std::string file = Asf({FileProperties(0, 0, 0), Object(kExtended, ext)});
-  MemorySource source(file);
   MediaFileTags tags;
   CoverPicture cover;
-  ASSERT_TRUE(ReadWmaInfo(source, tags, &cover));
-  EXPECT_EQ(tags.album, "Album");
-  EXPECT_EQ(tags.year, "1998");
-  EXPECT_EQ(tags.genre, "Jazz");
-  EXPECT_EQ(tags.trackNumber, 4);  // zero-based
-  EXPECT_EQ(tags.artist, "Ärtist");
-  EXPECT_EQ(tags.composer, "Comp");
+  ASSERT_TRUE(Wma(Asf({FileProperties(0, 0, 0), Object(kExtended, ext)}), tags, &cover));
+  // The track number is stored zero-based.
+  EXPECT_EQ(tags, With([&](MediaFileTags& t) {
+              t.artist = "Ärtist", t.album = "Album", t.year = "1998", t.composer = "Comp",
+              t.genre = "Jazz", t.trackNumber = 4, t.formatName = "WMA";
+            }));
   EXPECT_EQ(cover.data, "PNG!");
   EXPECT_EQ(cover.kind, PictureKind::kPng);
 
@@ -111,21 +102,14 @@ TEST(Asf, MapsTheAttributes) {
   kept.title = "before";
   std::string broken = Le16(2) + Attribute("WM/Genre", 0, Wide("Pop"));
   broken += Le16(200) + "short";
-  const std::string broken_file = Asf({FileProperties(0, 0, 0), Object(kExtended, broken)});
-  MemorySource b(broken_file);
-  ASSERT_TRUE(ReadWmaInfo(b, kept, nullptr));
+  ASSERT_TRUE(Wma(Asf({FileProperties(0, 0, 0), Object(kExtended, broken)}), kept));
   EXPECT_EQ(kept.title, "before");
   EXPECT_EQ(kept.genre, "Pop");
 
   // No file properties, or a header larger than the file: not taken.
   MediaFileTags none;
-  const std::string bare = Asf({Object(kExtended, Le16(0))});
-  MemorySource c(bare);
-  EXPECT_FALSE(ReadWmaInfo(c, none, nullptr));
-  std::string oversized = Asf({FileProperties(0, 0, 0)});
-  oversized.replace(16, 8, Le64(1u << 24));
-  MemorySource d(oversized);
-  EXPECT_FALSE(ReadWmaInfo(d, none, nullptr));
+  EXPECT_FALSE(Wma(Asf({Object(kExtended, Le16(0))}), none));
+  EXPECT_FALSE(Wma(Asf({FileProperties(0, 0, 0)}).replace(16, 8, Le64(1u << 24)), none));
   EXPECT_EQ(none, MediaFileTags{});
 }
 
@@ -144,33 +128,26 @@ const std::string kFmt =
     Chunk("fmt ", Le16(1) + Le16(2) + Le32(44100) + Le32(176400) + Le16(4) + Le16(16));
 
 TEST(RiffWave, TimesTheDataChunk) {
-  struct Case {
-    const char* name;
-    std::string file;
-    bool taken;
-    int32_t frames;
-    const char* title;
-  };
-  const std::string second(176400, '\0');
+  const std::string data = Chunk("data", std::string(176400, '\0'));  // one second
   const std::string info = Chunk("LIST", "INFO" + Chunk("INAM", "Odd") + Chunk("IART", "Art!"));
-  const Case cases[] = {
-      {"plain", Wave(kFmt + Chunk("data", second)), true, 75, ""},
-      {"odd chunk before fmt", Wave(Chunk("junk", "abc") + kFmt + Chunk("data", second)), true, 75,
-       ""},
-      {"info with a pad byte", Wave(kFmt + info + Chunk("data", second)), true, 75, "Odd"},
-      {"info after data", Wave(kFmt + Chunk("data", second) + info), true, 75, "Odd"},
-      {"data size beyond the file", Wave(kFmt + "data" + Le32(0xFFFFFFFF) + second), true, 75, ""},
-      {"no fmt", Wave(Chunk("data", second)), false, 0, ""},
-      {"zero byte rate", Wave(Chunk("fmt ", std::string(16, '\0')) + Chunk("data", second)), true,
-       0, ""},
+  // name, file, taken, frames, title
+  const std::tuple<const char*, std::string, bool, int32_t, const char*> cases[] = {
+      {"plain", Wave(kFmt + data), true, 75, ""},
+      {"odd chunk before fmt", Wave(Chunk("junk", "abc") + kFmt + data), true, 75, ""},
+      {"info with a pad byte", Wave(kFmt + info + data), true, 75, "Odd"},
+      {"info after data", Wave(kFmt + data + info), true, 75, "Odd"},
+      {"data size beyond the file",
+       Wave(kFmt + "data" + Le32(0xFFFFFFFF) + std::string(176400, '\0')), true, 75, ""},
+      {"no fmt", Wave(data), false, 0, ""},
+      {"zero byte rate", Wave(Chunk("fmt ", std::string(16, '\0')) + data), true, 0, ""},
       {"not wave", "RIFF" + Le32(4) + "AVI " + kFmt, false, 0, ""},
   };
-  for (const Case& c : cases) {
-    MemorySource source(c.file);
+  for (const auto& [name, file, taken, frames, title] : cases) {
+    MemorySource source(file);
     MediaFileTags tags;
-    EXPECT_EQ(ReadRiffWaveInfo(source, tags), c.taken) << c.name;
-    EXPECT_EQ(tags.durationFrames, c.frames) << c.name;
-    EXPECT_EQ(tags.title, c.title) << c.name;
+    EXPECT_EQ(ReadRiffWaveInfo(source, tags), taken) << name;
+    EXPECT_EQ(tags.durationFrames, frames) << name;
+    EXPECT_EQ(tags.title, title) << name;
   }
 }
 

@@ -48,90 +48,80 @@ size_t Id3Size(const std::string& bytes) {
 }
 
 TEST(MediaFile, ReadsTheFixtures) {
-  struct Case {
-    const char* file;
-    const char* reader;
-    const char* format;
-    const char* title;
-    const char* artist;
-    const char* album;
-    int32_t track;
-    PictureKind picture;
-  };
-  const Case cases[] = {
-      {"tagged.flac", "flac", "FLAC", "Blåa tonen", "Anna, Bert", "Test Album", 3,
-       PictureKind::kJpeg},
-      {"wrong-pictures.flac", "flac", "FLAC", "No Cover", "", "", -1, PictureKind::kNone},
-      {"id3-front.flac", "flac", "FLAC", "Blåa tonen", "Anna, Bert", "Test Album", 3,
-       PictureKind::kJpeg},
-      {"tagged.ogg", "ogg", "OGG", "Ogg Title", "Ogg Artist", "Ogg Album", 7, PictureKind::kNone},
-      {"long-comment.ogg", "ogg", "OGG", "Long", "After The Long One", "", -1, PictureKind::kNone},
-      {"cbr-id3v23.mp3", "id3v2", "MP3", "CBR Song", "Lame Artist", "Lame Album", 4,
-       PictureKind::kNone},
-      {"cbr-noxing.mp3", "id3v2", "MP3", "", "", "", -1, PictureKind::kNone},
-      {"vbr-id3v24.mp3", "id3v2", "MP3", "Vbr Tïtle", "Ärtist", "Vbr Album", 9, PictureKind::kPng},
-      {"mpeg25-id3v23.mp3", "id3v2", "MP3", "Acht kHz", "Ωmega", "", -1, PictureKind::kNone},
-      {"tagged.wma", "asf", "WMA", "Wma Title", "Wma Artist", "Wma Album", 5, PictureKind::kNone},
-      {"tagged.wav", "riff", "WAV", "Wave Title", "Wave Artist", "", -1, PictureKind::kNone},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.file);
+  // file, reader, format, title, artist, album, track, picture
+  using enum PictureKind;
+  const std::tuple<const char*, const char*, const char*, const char*, const char*, const char*,
+                   int32_t, PictureKind>
+      cases[] = {
+          {"tagged.flac", "flac", "FLAC", "Blåa tonen", "Anna, Bert", "Test Album", 3, kJpeg},
+          {"wrong-pictures.flac", "flac", "FLAC", "No Cover", "", "", -1, kNone},
+          {"id3-front.flac", "flac", "FLAC", "Blåa tonen", "Anna, Bert", "Test Album", 3, kJpeg},
+          {"tagged.ogg", "ogg", "OGG", "Ogg Title", "Ogg Artist", "Ogg Album", 7, kNone},
+          {"long-comment.ogg", "ogg", "OGG", "Long", "After The Long One", "", -1, kNone},
+          {"cbr-id3v23.mp3", "id3v2", "MP3", "CBR Song", "Lame Artist", "Lame Album", 4, kNone},
+          {"cbr-noxing.mp3", "id3v2", "MP3", "", "", "", -1, kNone},
+          {"vbr-id3v24.mp3", "id3v2", "MP3", "Vbr Tïtle", "Ärtist", "Vbr Album", 9, kPng},
+          {"mpeg25-id3v23.mp3", "id3v2", "MP3", "Acht kHz", "Ωmega", "", -1, kNone},
+          {"tagged.wma", "asf", "WMA", "Wma Title", "Wma Artist", "Wma Album", 5, kNone},
+          {"tagged.wav", "riff", "WAV", "Wave Title", "Wave Artist", "", -1, kNone},
+      };
+  for (const auto& [file, reader, format, title, artist, album, track, picture] : cases) {
+    SCOPED_TRACE(file);
     MediaFileInfo info;
-    ASSERT_EQ(ReadMediaFile(kData / c.file, info), kOk);
-    EXPECT_EQ(info.reader, c.reader);
-    EXPECT_EQ(info.tags.formatName, c.format);
-    EXPECT_EQ(info.tags.title, c.title);
-    EXPECT_EQ(info.tags.artist, c.artist);
-    EXPECT_EQ(info.tags.album, c.album);
-    EXPECT_EQ(info.tags.trackNumber, c.track);
-    EXPECT_EQ(info.picture_kind, c.picture);
-    EXPECT_EQ(info.picture.empty(), c.picture == PictureKind::kNone);
-    EXPECT_GT(info.tags.bitrateKbps, 0);
+    ASSERT_EQ(ReadMediaFile(kData / file, info), kOk);
+    EXPECT_EQ(info.reader, reader);
+    const MediaFileTags& t = info.tags;
+    EXPECT_EQ(std::tie(t.formatName, t.title, t.artist, t.album, t.trackNumber),
+              std::tie(format, title, artist, album, track));
+    EXPECT_EQ(info.picture_kind, picture);
+    EXPECT_EQ(info.picture.empty(), picture == kNone);
+    EXPECT_GT(t.bitrateKbps, 0);
     // One second of audio; MP3 adds the encoder's delay and padding, checked below.
-    if (std::string(c.format) != "MP3") {
-      EXPECT_NEAR(info.tags.durationFrames, 75, 1);
+    if (std::string(format) != "MP3") {
+      EXPECT_NEAR(t.durationFrames, 75, 1);
     }
   }
 }
 
 TEST(MediaFile, ReadsTheFieldsTaggersWrite) {
-  MediaFileInfo flac;
-  ASSERT_EQ(ReadMediaFile(kData / "tagged.flac", flac), kOk);
-  EXPECT_EQ(flac.tags.artistSort, "");  // two ARTISTSORT comments
-  EXPECT_EQ(flac.tags.comment, "first words");
-  EXPECT_EQ(flac.tags.year, "2004-05-06");
-  EXPECT_EQ(flac.tags.discNumber, 2);
-  EXPECT_EQ(flac.tags.bpm, 0);
-  EXPECT_EQ(flac.tags.label, "Label Co");
-  EXPECT_EQ(flac.picture.substr(0, 2), "\xFF\xD8");
+  auto read = [](const char* file, std::string* picture = nullptr) {
+    MediaFileInfo info;
+    EXPECT_EQ(ReadMediaFile(kData / file, info), kOk) << file;
+    if (picture) *picture = info.picture;
+    return info.tags;
+  };
+  std::string picture;
+  const MediaFileTags flac = read("tagged.flac", &picture);
+  EXPECT_EQ(flac.artistSort, "");  // two ARTISTSORT comments
+  EXPECT_EQ(flac.comment, "first words");
+  EXPECT_EQ(flac.year, "2004-05-06");
+  EXPECT_EQ(flac.discNumber, 2);
+  EXPECT_EQ(flac.bpm, 0);
+  EXPECT_EQ(flac.label, "Label Co");
+  EXPECT_EQ(picture.substr(0, 2), "\xFF\xD8");
+  // A packet over several pages.
+  EXPECT_EQ(read("long-comment.ogg").lyrics, std::string(9000, 'x'));
 
-  MediaFileInfo ogg;
-  ASSERT_EQ(ReadMediaFile(kData / "long-comment.ogg", ogg), kOk);
-  EXPECT_EQ(ogg.tags.lyrics, std::string(9000, 'x'));  // a packet over several pages
-
-  MediaFileInfo mp3;
-  ASSERT_EQ(ReadMediaFile(kData / "cbr-id3v23.mp3", mp3), kOk);
-  EXPECT_EQ(mp3.tags.year, "2001");
-  EXPECT_EQ(mp3.tags.genre, "Rock");
-  EXPECT_EQ(mp3.tags.discNumber, 2);
-  EXPECT_EQ(mp3.tags.bpm, 120);
-  EXPECT_EQ(mp3.tags.composer, "Comp Oser");
-  EXPECT_EQ(mp3.tags.label, "Pub Label");
+  const MediaFileTags mp3 = read("cbr-id3v23.mp3");
+  EXPECT_EQ(mp3.year, "2001");
+  EXPECT_EQ(mp3.genre, "Rock");
+  EXPECT_EQ(mp3.discNumber, 2);
+  EXPECT_EQ(mp3.bpm, 120);
+  EXPECT_EQ(mp3.composer, "Comp Oser");
+  EXPECT_EQ(mp3.label, "Pub Label");
   // id3v2 gives its first comment the description "ID3v1 Comment".
-  EXPECT_EQ(mp3.tags.comment, "ID3v1 Comment:\r\nfirst note\r\n\r\nsecond note");
+  EXPECT_EQ(mp3.comment, "ID3v1 Comment:\r\nfirst note\r\n\r\nsecond note");
 
-  MediaFileInfo wma;
-  ASSERT_EQ(ReadMediaFile(kData / "tagged.wma", wma), kOk);
-  EXPECT_EQ(wma.tags.year, "2003");
-  EXPECT_EQ(wma.tags.genre, "Rock");
-  EXPECT_EQ(wma.tags.comment, "Wma comment");
-  EXPECT_EQ(wma.tags.discNumber, 1);
-  EXPECT_EQ(wma.tags.bitrateKbps, 32);
+  const MediaFileTags wma = read("tagged.wma");
+  EXPECT_EQ(wma.year, "2003");
+  EXPECT_EQ(wma.genre, "Rock");
+  EXPECT_EQ(wma.comment, "Wma comment");
+  EXPECT_EQ(wma.discNumber, 1);
+  EXPECT_EQ(wma.bitrateKbps, 32);
 
-  MediaFileInfo v24;
-  ASSERT_EQ(ReadMediaFile(kData / "vbr-id3v24.mp3", v24), kOk);
-  EXPECT_EQ(v24.tags.genre, "Pop");  // "(13)"
-  EXPECT_EQ(v24.tags.year, "2010");
+  const MediaFileTags v24 = read("vbr-id3v24.mp3");
+  EXPECT_EQ(v24.genre, "Pop");  // "(13)"
+  EXPECT_EQ(v24.year, "2010");
 }
 
 TEST(MediaFile, TimesMp3WithinOneFrame) {
