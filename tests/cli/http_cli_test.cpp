@@ -20,9 +20,8 @@ TEST(HttpCliTest, GetPrintsStatusBodyOrTranscript) {
   ASSERT_TRUE(server.Start());
   const std::string base = "http://127.0.0.1:" + std::to_string(server.port());
   TempDir home;
-  const std::vector<std::string> direct = {"--set", "internet2.preconfig_http_proxy=0"};
   const auto run = [&](std::vector<std::string> args) {
-    args.insert(args.begin(), direct.begin(), direct.end());
+    args.insert(args.begin(), {"--set", "internet2.preconfig_http_proxy=0"});
     return RunCli(args, home.path());
   };
 
@@ -43,24 +42,19 @@ TEST(HttpCliTest, GetPrintsStatusBodyOrTranscript) {
   EXPECT_EQ(json["body"], "no such page");
   EXPECT_NE(r.err.find("404"), std::string::npos);
 
-  const TempDir out;
-  r = run({"http", "get", base + "/hello", "-o", (out / "body.txt").string()});
+  r = run({"http", "get", base + "/hello", "-o", (home / "body.txt").string()});
   EXPECT_EQ(r.exit_code, 0) << r.err;
-  EXPECT_EQ(ReadFile(out / "body.txt"), "hi ");
+  EXPECT_EQ(ReadFile(home / "body.txt"), "hi ");
 
-  struct Bad {
-    std::string url;
-    int exit_code;
-  };
-  const Bad bad[] = {{"ftp://host/", 2},
-                     {"http://user@host/", 2},
-                     {"http://host:99999/", 2},
-                     {"https://host:8443/", 2},
-                     {"http://127.0.0.1:1/", 4}};
-  for (const Bad& b : bad) {
-    r = run({"http", "get", b.url});
-    EXPECT_EQ(r.exit_code, b.exit_code) << b.url << ": " << r.err;
-    EXPECT_NE(r.err.find("dischive: "), std::string::npos);
+  const std::pair<std::string, int> bad[] = {{"ftp://host/", 2},
+                                             {"http://user@host/", 2},
+                                             {"http://host:99999/", 2},
+                                             {"https://host:8443/", 2},
+                                             {"http://127.0.0.1:1/", 4}};
+  for (const auto& [url, exit_code] : bad) {
+    r = run({"http", "get", url});
+    EXPECT_EQ(r.exit_code, exit_code) << url << ": " << r.err;
+    EXPECT_NE(r.err.find("dischive: "), std::string::npos) << r.err;
   }
 }
 
