@@ -24,6 +24,13 @@ struct Host {
   bool abandon_on_choice = false;
   DhvDiscRecord records[2] = {};
   DhvDiscLookupRequest request = {};
+  ~Host() {
+    for (DhvDiscRecord& r : records) {
+      for (uint32_t i = 0; i < r.metadata.count; ++i)
+        std::free(r.metadata.entries[i].text);
+      std::free(r.metadata.entries);
+    }
+  }
 };
 
 void LockHost(void* context) {
@@ -59,14 +66,6 @@ const char* Text(const DhvDiscMetadata& m, uint32_t field, uint32_t index) {
     }
   }
   return "";
-}
-
-void FreeRecords(Host& host) {
-  for (DhvDiscRecord& r : host.records) {
-    for (uint32_t i = 0; i < r.metadata.count; ++i)
-      std::free(r.metadata.entries[i].text);
-    std::free(r.metadata.entries);
-  }
 }
 
 TEST(CddbApiTest, BothExportsLookUpThroughTheHostsCallbacks) {
@@ -107,7 +106,6 @@ TEST(CddbApiTest, BothExportsLookUpThroughTheHostsCallbacks) {
       EXPECT_EQ(host.records[1].result, 0u) << name;
       EXPECT_STREQ(Text(host.records[1].metadata, field::kArtist, 0), "Other") << name;
       EXPECT_GE(host.progress.size(), 3u) << name;
-      FreeRecords(host);
     }
   }
   ::dlclose(library);

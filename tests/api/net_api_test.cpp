@@ -36,30 +36,26 @@ uint32_t AnswerWithCredentials(void* context, ::HttpRequest* request, uint32_t e
   return 12032;
 }
 
-// Frees the outputs and zeroes the record for the next request.
-void Reset(::HttpRequest* r) {
-  std::free(r->sent_headers);
-  std::free(r->response_headers);
-  std::free(r->response_body);
-  std::memset(r, 0, sizeof *r);
-}
-
-TEST_F(NetApiTest, PerformHttpRequestFillsTheRecord) {
+TEST_F(NetApiTest, PerformHttpRequestFillsTheRecordAndAsksThePrompt) {
   test::LoopbackHttpServer server;
   server.server().Post("/echo", [](const httplib::Request& req, httplib::Response& res) {
-    res.set_content(req.body + "|" + req.get_header_value("X-Extra"), "text/plain");
-  });
-  server.server().Get("/auth", [](const httplib::Request& req, httplib::Response& res) {
-    if (req.get_header_value("Authorization") == "Basic dXNlcjpzZWNyZXQ=") return;
-    res.status = 401;
-    res.set_header("WWW-Authenticate", "Basic realm=\"r\"");
+    if (req.get_header_value("Authorization") == "Basic dXNlcjpzZWNyZXQ=") {
+      res.set_content(req.body + "|" + req.get_header_value("X-Extra"), "text/plain");
+    } else {
+      res.status = 401;
+      res.set_header("WWW-Authenticate", "Basic realm=\"r\"");
+    }
   });
   ASSERT_TRUE(server.Start());
   auto* perform = Get<DHV_RESULT(::HttpRequest*)>("PerformHttpRequest");
   auto* transcript = Get<DHV_RESULT(char**, const ::HttpRequest*)>("FormatHttpTranscript");
   ASSERT_TRUE(perform && transcript);
+  EXPECT_EQ(perform(nullptr), 87u);
 
   auto* r = static_cast<::HttpRequest*>(std::calloc(1, sizeof(::HttpRequest)));
+  int asked = 0;
+  r->prompt = &AnswerWithCredentials;
+  r->prompt_context = &asked;
   r->access_type = 1;
   std::strcpy(r->agent, "DiscHive 1.0");
   r->server = "127.0.0.1";
@@ -71,6 +67,7 @@ TEST_F(NetApiTest, PerformHttpRequestFillsTheRecord) {
   r->body = body;
   r->body_length = sizeof body - 1;
   ASSERT_EQ(perform(r), 0u);
+  EXPECT_EQ(asked, 1);  // the prompt filled the credentials and asked for a retry
   EXPECT_EQ(r->status_code, 200u);
   ASSERT_NE(r->response_body, nullptr);
   EXPECT_EQ(std::string(r->response_body, r->response_length), std::string(body) + "|yes");
@@ -82,23 +79,10 @@ TEST_F(NetApiTest, PerformHttpRequestFillsTheRecord) {
   EXPECT_NE(std::strstr(text, ">| <Param><Name>password</Name><Value>********</Value>"), nullptr);
   EXPECT_NE(std::strstr(text, "<| HTTP/1.1 200 OK\r\n"), nullptr);
   std::free(text);
-
-  // The prompt fills the credentials and asks for a retry.
-  Reset(r);
-  int asked = 0;
-  r->access_type = 1;
-  r->server = "127.0.0.1";
-  r->port = static_cast<uint32_t>(server.port());
-  r->object = "/auth";
-  r->prompt = &AnswerWithCredentials;
-  r->prompt_context = &asked;
-  ASSERT_EQ(perform(r), 0u);
-  EXPECT_EQ(r->status_code, 200u);
-  EXPECT_EQ(asked, 1);
-
-  Reset(r);
+  std::free(r->sent_headers);
+  std::free(r->response_headers);
+  std::free(r->response_body);
   std::free(r);
-  EXPECT_EQ(perform(nullptr), 87u);
 }
 
 TEST_F(NetApiTest, SettingsAndXml) {
