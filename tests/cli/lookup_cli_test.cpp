@@ -25,15 +25,15 @@ class LookupCliTest : public ::testing::Test {
              MakeXmcd(0x1000a0ff, "Other / Thing", 2002, "Folk", {"X", "Y"})});
   }
 
-  ProcessResult Lookup(std::vector<std::string> args) {
-    std::vector<std::string> all = {"--set", "internet2.acquire_url=" + http.url(),
-                                    "--set", "internet2.preconfig_http_proxy=0",
-                                    "--set", "internet2.cddb_server=127.0.0.1",
-                                    "--set", "internet2.cddb_port=" + std::to_string(cddbp.port()),
-                                    "--set", "internet2.email_address=me@example.org",
-                                    "lookup"};
-    all.insert(all.end(), args.begin(), args.end());
-    return RunCli(all, home.path());
+  // The servers come from the settings file; --set overrides them for one run.
+  ProcessResult Lookup(const std::vector<std::string>& args, std::vector<std::string> set = {}) {
+    WriteFile(home / "config" / "dischive" / "dischive.ini",
+              "[internet2]\npreconfig_http_proxy=0\nacquire_url=" + http.url() +
+                  "\ncddb_server=127.0.0.1\ncddb_port=" + std::to_string(cddbp.port()) +
+                  "\nemail_address=me@example.org\n");
+    set.push_back("lookup");
+    set.insert(set.end(), args.begin(), args.end());
+    return RunCli(set, home.path());
   }
 
   std::shared_ptr<FakeFreedbDatabase> db = std::make_shared<FakeFreedbDatabase>();
@@ -93,16 +93,13 @@ TEST_F(LookupCliTest, CueSheetSaveAndFailures) {
   EXPECT_EQ(r.exit_code, 2);
   EXPECT_NE(r.err.find("--length"), std::string::npos) << r.err;
 
-  r = RunCli({"--set", "internet2.acquire_url=http://127.0.0.1:1/~cddb/cddb.cgi", "lookup",
-              "--disc", kFirstDisc},
-             home.path());
+  r = Lookup({"--disc", kFirstDisc}, {"--set", "internet2.acquire_url=http://127.0.0.1:1/x"});
   EXPECT_EQ(r.exit_code, 4);
   EXPECT_NE(r.err.find("lookup failed: The attempt to connect to the server failed."),
             std::string::npos)
       << r.err;
-  r = RunCli({"--set", "internet2.cddb_server=127.0.0.1", "--set", "internet2.cddb_port=1", "--set",
-              "internet2.lookup_protocol=cddbp", "lookup", "--disc", kFirstDisc},
-             home.path());
+  r = Lookup({"--disc", kFirstDisc},
+             {"--set", "internet2.cddb_port=1", "--set", "internet2.lookup_protocol=cddbp"});
   EXPECT_EQ(r.exit_code, 4);
   EXPECT_NE(r.out.find("(0x0000274D)"), std::string::npos) << r.out;
 }
