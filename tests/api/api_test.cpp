@@ -57,7 +57,7 @@ uint32_t AnswerWithCredentials(void* context, ::HttpRequest* request, uint32_t e
   return 12032;
 }
 
-TEST_F(ApiTest, PerformHttpRequestFillsTheRecordAndAsksThePrompt) {
+TEST_F(ApiTest, HttpSettingsAndXmlExports) {
   test::LoopbackHttpServer server;
   server.server().Post("/echo", [](const httplib::Request& req, httplib::Response& res) {
     if (req.get_header_value("Authorization") == "Basic dXNlcjpzZWNyZXQ=") {
@@ -103,9 +103,7 @@ TEST_F(ApiTest, PerformHttpRequestFillsTheRecordAndAsksThePrompt) {
   std::free(r->response_headers);
   std::free(r->response_body);
   std::free(r);
-}
 
-TEST_F(ApiTest, SettingsAndXml) {
   auto* load_settings = Get<DHV_RESULT(::InternetSettings*)>("LoadInternetSettings");
   auto* create = Get<::XmlResponseReader*(const char*)>("CreateXmlResponseReader");
   auto* destroy = Get<void(::XmlResponseReader*)>("DestroyXmlResponseReader");
