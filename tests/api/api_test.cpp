@@ -237,9 +237,7 @@ TEST_F(ApiTest, BackupWrittenAndReadBack) {
   EXPECT_EQ(write(nullptr, covers.c_str(), out.c_str(), 1), 0);
   EXPECT_FALSE(std::filesystem::exists(out));
   ASSERT_EQ(write(db.c_str(), covers.c_str(), out.c_str(), 1), 1);
-  EXPECT_NE(test::ReadFile(out).find("\x05#FILE\x05"
-                                     "a.jpg"),
-            std::string::npos);
+  EXPECT_NE(test::ReadFile(out).find(std::string("\x05#FILE\x05") + "a.jpg"), std::string::npos);
   EXPECT_EQ(write(db.c_str(), covers.c_str(), out.c_str(), 1), 0);  // never overwrites
 
   DHV_BACKUP_INFO info;
