@@ -102,7 +102,6 @@ TEST_F(CatalogCliTest, DefaultDatabaseAlbumsShowListsAndBadFiles) {
     ASSERT_TRUE(writer);
     r = Run({"--json", "catalog", "info"});
     EXPECT_EQ(r.exit_code, 0) << r.err;
-    EXPECT_EQ(json::parse(r.out)["tracks"], 4);
     EXPECT_EQ(json::parse(r.out)["being_written"], true);
   }
   EXPECT_EQ(json::parse(Run({"--json", "catalog", "info"}).out)["being_written"], false);
@@ -119,12 +118,13 @@ TEST_F(CatalogCliTest, DefaultDatabaseAlbumsShowListsAndBadFiles) {
 
 TEST_F(CatalogCliTest, ExportToAFileOrStandardOutputAndFailures) {
   Fill();
-  ProcessResult r = Run({"--json", "export", "-o", (home / "out.xml").string(), "--covers",
-                         (home / "covers").string()});
+  ProcessResult r =
+      Run({"export", "-o", (home / "out.xml").string(), "--covers", (home / "covers").string()});
   ASSERT_EQ(r.exit_code, 0) << r.err;
-  EXPECT_NE(r.out.find("\"albums\": 1"), std::string::npos) << r.out;
+  EXPECT_EQ(r.out, "");
+  EXPECT_NE(r.err.find("Exported 1 album ("), std::string::npos) << r.err;
   const std::string file = ReadFile(home / "out.xml");
-  EXPECT_NE(file.find("<Album>"), std::string::npos) << file;
+  EXPECT_NE(file.find("<Album ID=\"" + id + "\""), std::string::npos) << file;
   // The undecodable cover is stored as it is, under its hash.
   const std::string hash = CoverHash("stored cover bytes");
   EXPECT_NE(file.find("<Artwork Hash=\"" + hash + "\"/>"), std::string::npos);
@@ -137,8 +137,9 @@ TEST_F(CatalogCliTest, ExportToAFileOrStandardOutputAndFailures) {
   r = Run({"export"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   EXPECT_EQ(r.out, file);
-  EXPECT_NE(r.err.find("Exported 1 album"), std::string::npos) << r.err;
   EXPECT_TRUE(fs::exists(home / "cache" / "dischive" / "covers" / (hash + ".jpg")));
+  r = Run({"--json", "export", "-o", (home / "out2.xml").string()});
+  EXPECT_NE(r.out.find("\"albums\": 1,"), std::string::npos) << r.out;
 
   // Failures are one line and keep an earlier document.
   const std::string old = (home / "old.xml").string(), missing = (home / "missing.dab").string();
