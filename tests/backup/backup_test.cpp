@@ -33,14 +33,19 @@ std::string Metadata(const std::string& name) {
 
 BackupRequest Request(const std::filesystem::path& database, const std::filesystem::path& backup,
                       const std::filesystem::path& covers = {}, bool include_covers = false) {
-  return {.database = database,
-          .covers_folder = covers,
-          .include_covers = include_covers,
-          .backup = backup};
+  BackupRequest request;
+  request.database = database;
+  request.covers_folder = covers;
+  request.include_covers = include_covers;
+  request.backup = backup;
+  return request;
 }
 
 RestoreRequest Restore(const std::filesystem::path& backup, const std::filesystem::path& database) {
-  return {.backup = backup, .database = database};
+  RestoreRequest request;
+  request.backup = backup;
+  request.database = database;
+  return request;
 }
 
 // Every regular file under a folder by relative path, with its bytes.

@@ -61,7 +61,7 @@ bool WriteMany(CountingOutput& out) {
     writer.WriteTextElement("I", "0123456789");
   root.Close();
   const bool finished = writer.Finish();
-  if (finished) EXPECT_EQ(writer.bytes_written(), out.text.size());
+  EXPECT_TRUE(!finished || writer.bytes_written() == out.text.size());
   return finished;
 }
 
