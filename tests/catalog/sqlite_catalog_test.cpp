@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <ctime>
+#include <functional>
 #include <thread>
 
 #include "dischive/sqlite_catalog.h"
@@ -56,6 +57,17 @@ AlbumRecord SampleAlbum() {
   v2.tracks = {Track(1, kUnknownFrames, "Lazy Bird")};
   a.volumes = {v1, v2};
   return a;
+}
+
+// Creates a catalogue holding `count` albums made by `make`.
+void Fill(const std::filesystem::path& path, int count,
+          const std::function<AlbumRecord(int)>& make) {
+  auto cat = Open(path, CatalogOpenMode::kCreate);
+  ASSERT_TRUE(cat);
+  for (int i = 0; i < count; ++i) {
+    AlbumRecord album = make(i);
+    ASSERT_EQ(cat->WriteAlbum(album, WriteMode::kReplace), kOk) << cat->LastErrorText();
+  }
 }
 
 TEST(SqliteCatalogTest, AlbumRoundTripKeepsEveryKindOfValue) {
@@ -145,39 +157,34 @@ TEST(SqliteCatalogTest, ReplaceAndMergeModes) {
   EXPECT_EQ(cat->ReadCover(0x8A0B2D05), "JPEGDATA");
 
   // Refusals leave the album untouched.
-  struct Case {
-    const char* what;
-    std::vector<VolumeRecord> volumes;
-  };
   VolumeRecord dup_track = only;
   dup_track.tracks.push_back(Track(1, 5, "again"));
   VolumeRecord zero_track = only;
   zero_track.tracks = {Track(0, 5, "zero")};
-  const Case cases[] = {{"twice in the album", {only, only}},
-                        {"appears twice", {dup_track}},
-                        {"start at 1", {zero_track}}};
-  for (const Case& c : cases) {
+  const auto with = [&](std::string id, std::vector<VolumeRecord> volumes) {
     AlbumRecord bad = replace;
-    bad.volumes = c.volumes;
-    EXPECT_EQ(cat->WriteAlbum(bad, WriteMode::kReplace), kInvalidArgument) << c.what;
-    EXPECT_NE(cat->LastErrorText().find(c.what), std::string::npos) << cat->LastErrorText();
+    bad.id = std::move(id);
+    bad.volumes = std::move(volumes);
+    return bad;
+  };
+  const std::pair<const char*, AlbumRecord> cases[] = {
+      {"twice in the album", with(album.id, {only, only})},
+      {"appears twice", with(album.id, {dup_track})},
+      {"start at 1", with(album.id, {zero_track})},
+      {"16 hexadecimal digits", with("not-an-identifier", {only})},
+      {"another album", with("", {only})},
+  };
+  for (auto [what, bad] : cases) {
+    EXPECT_EQ(cat->WriteAlbum(bad, WriteMode::kReplace), kInvalidArgument) << what;
+    EXPECT_NE(cat->LastErrorText().find(what), std::string::npos) << cat->LastErrorText();
   }
-  AlbumRecord bad_id = replace;
-  bad_id.id = "not-an-identifier";
-  EXPECT_EQ(cat->WriteAlbum(bad_id, WriteMode::kReplace), kInvalidArgument);
-  EXPECT_NE(cat->LastErrorText().find("16 hexadecimal digits"), std::string::npos);
   AlbumRecord lower;
   lower.id = "00000000000000ab";  // a given identifier is kept, in upper case
   ASSERT_EQ(cat->WriteAlbum(lower, WriteMode::kReplace), kOk);
   EXPECT_EQ(lower.id, "00000000000000AB");
   EXPECT_EQ(cat->DeleteAlbum("00000000000000ab"), kOk);
-  AlbumRecord other;
-  other.volumes = {only};
-  EXPECT_EQ(cat->WriteAlbum(other, WriteMode::kReplace), kInvalidArgument);
-  EXPECT_NE(cat->LastErrorText().find("another album"), std::string::npos);
   EXPECT_EQ(cat->AlbumCount(), 1u);
-  got = *cat->ReadAlbum(album.id);
-  EXPECT_EQ(got, replace);
+  EXPECT_EQ(*cat->ReadAlbum(album.id), replace);
 
   EXPECT_EQ(cat->DeleteAlbum(album.id), kOk);
   EXPECT_EQ(cat->AlbumCount(), 0u);
@@ -331,15 +338,11 @@ TEST(SqliteCatalogTest, OneWriterWhileReadersRead) {
 TEST(SqliteCatalogTest, ForeignOrDamagedFilesAreRefusedUntouched) {
   TempDir dir;
   const auto good = dir / "good.dab";
-  {
-    auto cat = Open(good, CatalogOpenMode::kCreate);
-    ASSERT_TRUE(cat);
-    for (int i = 0; i < 200; ++i) {
-      AlbumRecord a;
-      a.properties.Set(field::kComment, std::string(500, 'x'));
-      ASSERT_EQ(cat->WriteAlbum(a, WriteMode::kReplace), kOk);
-    }
-  }
+  Fill(good, 200, [](int) {
+    AlbumRecord a;
+    a.properties.Set(field::kComment, std::string(500, 'x'));
+    return a;
+  });
   const std::string bytes = ReadFile(good);
   ASSERT_GT(bytes.size(), 8192u);
 
@@ -390,16 +393,12 @@ TEST(SqliteCatalogTest, ForeignOrDamagedFilesAreRefusedUntouched) {
 TEST(SqliteCatalogTest, CorruptPagesThrowFatalDatabaseError) {
   TempDir dir;
   const auto path = dir / "c.dab";
-  {
-    auto cat = Open(path, CatalogOpenMode::kCreate);
-    ASSERT_TRUE(cat);
-    for (int i = 0; i < 100; ++i) {
-      AlbumRecord a = SampleAlbum();
-      for (VolumeRecord& v : a.volumes)
-        v.record_id += static_cast<uint32_t>(i) << 8;
-      ASSERT_EQ(cat->WriteAlbum(a, WriteMode::kReplace), kOk);
-    }
-  }
+  Fill(path, 100, [](int i) {
+    AlbumRecord a = SampleAlbum();
+    for (VolumeRecord& v : a.volumes)
+      v.record_id += static_cast<uint32_t>(i) << 8;
+    return a;
+  });
   std::string bytes = ReadFile(path);
   // Overwrite every page after the schema with garbage; the header stays valid.
   for (size_t i = 8192; i < bytes.size(); ++i)
@@ -443,14 +442,11 @@ TEST(SqliteCatalogTest, DamagedRecordThrowsFatalDatabaseError) {
   TempDir dir;
   const auto path = dir / "c.dab";
   AlbumRecord album = SampleAlbum();
+  album.id = "00000000000000A1";
   AlbumRecord intact;
+  intact.id = "00000000000000B2";
   intact.properties.Set(field::kTitle, "Intact");
-  {
-    auto cat = Open(path, CatalogOpenMode::kCreate);
-    ASSERT_TRUE(cat);
-    ASSERT_EQ(cat->WriteAlbum(album, WriteMode::kReplace), kOk);
-    ASSERT_EQ(cat->WriteAlbum(intact, WriteMode::kReplace), kOk);
-  }
+  Fill(path, 2, [&](int i) { return i == 0 ? album : intact; });
   // Cut the last bytes off one album's record, as a foreign writer might.
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
