@@ -157,7 +157,6 @@ TEST(DatabaseFilesTest, DefaultUserListsHoldTheirExactEntries) {
   EXPECT_EQ(genres[90], "Negerpunk");
   EXPECT_EQ(genres[107], "Psychedelic");
   EXPECT_EQ(genres.back(), "Vocal");
-  EXPECT_EQ(DefaultUserList("user_locations"), "Car\nHome\nWork");
   EXPECT_TRUE(DefaultUserListEntries("user_nothing").empty());
   EXPECT_EQ(DefaultUserList("user_nothing"), "");
 }
