@@ -13,11 +13,6 @@
 namespace dischive::test {
 namespace {
 
-std::unique_ptr<CatalogEngine> Open(const std::filesystem::path& path, CatalogOpenMode mode,
-                                    HResult* error = nullptr, std::string* message = nullptr) {
-  return OpenSqliteCatalog(path, mode, error, message);
-}
-
 TrackRecord Track(uint32_t number, uint32_t frames, const std::string& title) {
   TrackRecord t;
   t.number = number;
@@ -62,7 +57,7 @@ AlbumRecord SampleAlbum() {
 // Creates a catalogue holding `count` albums made by `make`.
 void Fill(const std::filesystem::path& path, int count,
           const std::function<AlbumRecord(int)>& make) {
-  auto cat = Open(path, CatalogOpenMode::kCreate);
+  auto cat = OpenSqliteCatalog(path, CatalogOpenMode::kCreate);
   ASSERT_TRUE(cat);
   for (int i = 0; i < count; ++i) {
     AlbumRecord album = make(i);
@@ -76,14 +71,14 @@ TEST(SqliteCatalogTest, AlbumRoundTripKeepsEveryKindOfValue) {
   AlbumRecord album = SampleAlbum();
   const auto before = static_cast<uint32_t>(std::time(nullptr));
   {
-    auto cat = Open(path, CatalogOpenMode::kCreate);
+    auto cat = OpenSqliteCatalog(path, CatalogOpenMode::kCreate);
     ASSERT_TRUE(cat);
     ASSERT_EQ(cat->WriteAlbum(album, WriteMode::kReplace), kOk) << cat->LastErrorText();
   }
   EXPECT_EQ(album.id.size(), 16u);
   EXPECT_GE(album.modified, before);
 
-  auto cat = Open(path, CatalogOpenMode::kReadOnly);
+  auto cat = OpenSqliteCatalog(path, CatalogOpenMode::kReadOnly);
   ASSERT_TRUE(cat);
   EXPECT_EQ(cat->AlbumCount(), 1u);
   const std::optional<AlbumRecord> read = cat->ReadAlbum(album.id);
@@ -105,7 +100,7 @@ TEST(SqliteCatalogTest, AlbumRoundTripKeepsEveryKindOfValue) {
 
 TEST(SqliteCatalogTest, ReplaceAndMergeModes) {
   TempDir dir;
-  auto cat = Open(dir / "c.dab", CatalogOpenMode::kCreate);
+  auto cat = OpenSqliteCatalog(dir / "c.dab", CatalogOpenMode::kCreate);
   ASSERT_TRUE(cat);
   AlbumRecord album = SampleAlbum();
   ASSERT_EQ(cat->WriteAlbum(album, WriteMode::kReplace), kOk);
@@ -194,7 +189,7 @@ TEST(SqliteCatalogTest, ReplaceAndMergeModes) {
 
 TEST(SqliteCatalogTest, SinglePropertiesAndCovers) {
   TempDir dir;
-  auto cat = Open(dir / "c.dab", CatalogOpenMode::kCreate);
+  auto cat = OpenSqliteCatalog(dir / "c.dab", CatalogOpenMode::kCreate);
   ASSERT_TRUE(cat);
   AlbumRecord album = SampleAlbum();
   ASSERT_EQ(cat->WriteAlbum(album, WriteMode::kReplace), kOk);
@@ -227,7 +222,7 @@ TEST(SqliteCatalogTest, SinglePropertiesAndCovers) {
 TEST(SqliteCatalogTest, ArtistsDatabasePropertiesAndLists) {
   TempDir dir;
   const auto path = dir / "c.dab";
-  auto cat = Open(path, CatalogOpenMode::kCreate);
+  auto cat = OpenSqliteCatalog(path, CatalogOpenMode::kCreate);
   ASSERT_TRUE(cat);
   EXPECT_TRUE(cat->Artists().empty());
   EXPECT_EQ(cat->ArtistsModified(), 0u);
@@ -267,7 +262,7 @@ TEST(SqliteCatalogTest, ArtistsDatabasePropertiesAndLists) {
   EXPECT_EQ(cat->SetUserList("user_genres", ""), kOk);  // an empty list is a list
   EXPECT_EQ(cat->UserList("user_genres"), "");
   cat.reset();
-  cat = Open(path, CatalogOpenMode::kReadOnly);
+  cat = OpenSqliteCatalog(path, CatalogOpenMode::kReadOnly);
   ASSERT_TRUE(cat);
   EXPECT_EQ(cat->UserList("user_locations"), "Attic\nShelf\n");
   EXPECT_EQ(cat->Artists(), (std::vector<ArtistEntry>{band}));
@@ -276,17 +271,17 @@ TEST(SqliteCatalogTest, ArtistsDatabasePropertiesAndLists) {
 TEST(SqliteCatalogTest, OneWriterWhileReadersRead) {
   TempDir dir;
   const auto path = dir / "c.dab";
-  auto writer = Open(path, CatalogOpenMode::kCreate);
+  auto writer = OpenSqliteCatalog(path, CatalogOpenMode::kCreate);
   ASSERT_TRUE(writer);
   AlbumRecord album = SampleAlbum();
   ASSERT_EQ(writer->WriteAlbum(album, WriteMode::kReplace), kOk);
 
   HResult error = kOk;
   std::string message;
-  EXPECT_FALSE(Open(path, CatalogOpenMode::kReadWrite, &error, &message));
+  EXPECT_FALSE(OpenSqliteCatalog(path, CatalogOpenMode::kReadWrite, &error, &message));
   EXPECT_EQ(error, kCatalogLocked);
   EXPECT_EQ(message, "another process is writing to " + path.string());
-  EXPECT_FALSE(Open(path, CatalogOpenMode::kCreate, &error, &message));
+  EXPECT_FALSE(OpenSqliteCatalog(path, CatalogOpenMode::kCreate, &error, &message));
   EXPECT_EQ(error, kCatalogLocked);
 
   // The same refusal in another process, which reads meanwhile.
@@ -303,7 +298,7 @@ TEST(SqliteCatalogTest, OneWriterWhileReadersRead) {
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 
-  auto reader = Open(path, CatalogOpenMode::kReadOnly, &error, &message);
+  auto reader = OpenSqliteCatalog(path, CatalogOpenMode::kReadOnly, &error, &message);
   ASSERT_TRUE(reader) << message;
   EXPECT_EQ(reader->AlbumCount(), 1u);
   // The reader sees the writer's later commits.
@@ -329,10 +324,10 @@ TEST(SqliteCatalogTest, OneWriterWhileReadersRead) {
   // Once the writer is gone, another may write, and a reader may suspend.
   writer.reset();
   EXPECT_EQ(reader->SuspendWriting(), kOk);
-  EXPECT_FALSE(Open(path, CatalogOpenMode::kReadWrite, &error, &message));
+  EXPECT_FALSE(OpenSqliteCatalog(path, CatalogOpenMode::kReadWrite, &error, &message));
   EXPECT_EQ(error, kCatalogLocked);
   reader->ResumeWriting();
-  EXPECT_TRUE(Open(path, CatalogOpenMode::kReadWrite));
+  EXPECT_TRUE(OpenSqliteCatalog(path, CatalogOpenMode::kReadWrite));
 }
 
 TEST(SqliteCatalogTest, ForeignOrDamagedFilesAreRefusedUntouched) {
@@ -372,7 +367,7 @@ TEST(SqliteCatalogTest, ForeignOrDamagedFilesAreRefusedUntouched) {
          {CatalogOpenMode::kReadOnly, CatalogOpenMode::kReadWrite, CatalogOpenMode::kCreate}) {
       HResult error = kOk;
       std::string message;
-      EXPECT_FALSE(Open(path, mode, &error, &message)) << c.name;
+      EXPECT_FALSE(OpenSqliteCatalog(path, mode, &error, &message)) << c.name;
       EXPECT_EQ(error, kCatalogInvalid) << c.name;
       EXPECT_NE(message.find(c.message), std::string::npos) << c.name << ": " << message;
       EXPECT_NE(message.find(path.string()), std::string::npos) << message;
@@ -383,10 +378,11 @@ TEST(SqliteCatalogTest, ForeignOrDamagedFilesAreRefusedUntouched) {
 
   HResult error = kOk;
   std::string message;
-  EXPECT_FALSE(Open(dir / "missing.dab", CatalogOpenMode::kReadWrite, &error, &message));
+  EXPECT_FALSE(
+      OpenSqliteCatalog(dir / "missing.dab", CatalogOpenMode::kReadWrite, &error, &message));
   EXPECT_EQ(error, kCatalogMissing);
   EXPECT_FALSE(std::filesystem::exists(dir / "missing.dab"));
-  EXPECT_FALSE(Open(dir.path(), CatalogOpenMode::kReadOnly, &error, &message));
+  EXPECT_FALSE(OpenSqliteCatalog(dir.path(), CatalogOpenMode::kReadOnly, &error, &message));
   EXPECT_EQ(error, kCatalogInvalid);
 }
 
@@ -404,7 +400,7 @@ TEST(SqliteCatalogTest, CorruptPagesThrowFatalDatabaseError) {
   for (size_t i = 8192; i < bytes.size(); ++i)
     bytes[i] = static_cast<char>(0xA5 ^ (i * 7));
   WriteFile(path, bytes);
-  auto cat = Open(path, CatalogOpenMode::kReadOnly);
+  auto cat = OpenSqliteCatalog(path, CatalogOpenMode::kReadOnly);
   ASSERT_TRUE(cat);
   EXPECT_THROW(cat->ForEachAlbum([](const AlbumRecord&) { return true; }), FatalDatabaseError);
 }
@@ -412,8 +408,8 @@ TEST(SqliteCatalogTest, CorruptPagesThrowFatalDatabaseError) {
 TEST(SqliteCatalogTest, BatchesCommitTogetherAndFailuresStayAlone) {
   TempDir dir;
   const auto path = dir / "c.dab";
-  auto writer = Open(path, CatalogOpenMode::kCreate);
-  auto reader = Open(path, CatalogOpenMode::kReadOnly);
+  auto writer = OpenSqliteCatalog(path, CatalogOpenMode::kCreate);
+  auto reader = OpenSqliteCatalog(path, CatalogOpenMode::kReadOnly);
   ASSERT_TRUE(writer && reader);
   EXPECT_EQ(writer->CommitBatch(), kInvalidArgument);
   {
@@ -458,7 +454,7 @@ TEST(SqliteCatalogTest, DamagedRecordThrowsFatalDatabaseError) {
   sqlite3_close(db);
   ASSERT_EQ(rc, SQLITE_OK);
 
-  auto cat = Open(path, CatalogOpenMode::kReadOnly);
+  auto cat = OpenSqliteCatalog(path, CatalogOpenMode::kReadOnly);
   ASSERT_TRUE(cat);
   try {
     cat->ReadVolume(0x12345602);
