@@ -54,12 +54,6 @@ TEST(DatabaseFilesTest, IsDefaultDatabaseComparesNamesWithoutCase) {
   for (const auto& c : cases) {
     EXPECT_EQ(IsDefaultDatabase(c.path, settings, &alternative), c.expected) << c.path;
   }
-  // Only the second reading names it.
-  MemorySettingsStore empty;
-  empty.Write("Database", "DefaultDatabase", "");
-  alternative.Write("Database", "DefaultDatabase", (dir / "Music" / "Main.dab").string());
-  EXPECT_TRUE(IsDefaultDatabase(dir / "Music" / "Main.dab", empty, &alternative));
-  EXPECT_FALSE(IsDefaultDatabase(dir / "Music" / "Main.dab", empty, nullptr));
 }
 
 TEST(DatabaseFilesTest, ProcessWideDefaultReadsTheSystemScopeSecond) {
