@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <ctime>
+#include <functional>
 #include <thread>
 
 #include "dischive/sqlite_catalog.h"
@@ -11,11 +12,6 @@
 
 namespace dischive::test {
 namespace {
-
-std::unique_ptr<CatalogEngine> Open(const std::filesystem::path& path, CatalogOpenMode mode,
-                                    HResult* error = nullptr, std::string* message = nullptr) {
-  return OpenSqliteCatalog(path, mode, error, message);
-}
 
 TrackRecord Track(uint32_t number, uint32_t frames, const std::string& title) {
   TrackRecord t;
@@ -58,20 +54,31 @@ AlbumRecord SampleAlbum() {
   return a;
 }
 
+// Creates a catalogue holding `count` albums made by `make`.
+void Fill(const std::filesystem::path& path, int count,
+          const std::function<AlbumRecord(int)>& make) {
+  auto cat = OpenSqliteCatalog(path, CatalogOpenMode::kCreate);
+  ASSERT_TRUE(cat);
+  for (int i = 0; i < count; ++i) {
+    AlbumRecord album = make(i);
+    ASSERT_EQ(cat->WriteAlbum(album, WriteMode::kReplace), kOk) << cat->LastErrorText();
+  }
+}
+
 TEST(SqliteCatalogTest, AlbumRoundTripKeepsEveryKindOfValue) {
   TempDir dir;
   const auto path = dir / "sub" / "Cat.dab";
   AlbumRecord album = SampleAlbum();
   const auto before = static_cast<uint32_t>(std::time(nullptr));
   {
-    auto cat = Open(path, CatalogOpenMode::kCreate);
+    auto cat = OpenSqliteCatalog(path, CatalogOpenMode::kCreate);
     ASSERT_TRUE(cat);
     ASSERT_EQ(cat->WriteAlbum(album, WriteMode::kReplace), kOk) << cat->LastErrorText();
   }
   EXPECT_EQ(album.id.size(), 16u);
   EXPECT_GE(album.modified, before);
 
-  auto cat = Open(path, CatalogOpenMode::kReadOnly);
+  auto cat = OpenSqliteCatalog(path, CatalogOpenMode::kReadOnly);
   ASSERT_TRUE(cat);
   EXPECT_EQ(cat->AlbumCount(), 1u);
   const std::optional<AlbumRecord> read = cat->ReadAlbum(album.id);
@@ -93,7 +100,7 @@ TEST(SqliteCatalogTest, AlbumRoundTripKeepsEveryKindOfValue) {
 
 TEST(SqliteCatalogTest, ReplaceAndMergeModes) {
   TempDir dir;
-  auto cat = Open(dir / "c.dab", CatalogOpenMode::kCreate);
+  auto cat = OpenSqliteCatalog(dir / "c.dab", CatalogOpenMode::kCreate);
   ASSERT_TRUE(cat);
   AlbumRecord album = SampleAlbum();
   ASSERT_EQ(cat->WriteAlbum(album, WriteMode::kReplace), kOk);
@@ -145,39 +152,34 @@ TEST(SqliteCatalogTest, ReplaceAndMergeModes) {
   EXPECT_EQ(cat->ReadCover(0x8A0B2D05), "JPEGDATA");
 
   // Refusals leave the album untouched.
-  struct Case {
-    const char* what;
-    std::vector<VolumeRecord> volumes;
-  };
   VolumeRecord dup_track = only;
   dup_track.tracks.push_back(Track(1, 5, "again"));
   VolumeRecord zero_track = only;
   zero_track.tracks = {Track(0, 5, "zero")};
-  const Case cases[] = {{"twice in the album", {only, only}},
-                        {"appears twice", {dup_track}},
-                        {"start at 1", {zero_track}}};
-  for (const Case& c : cases) {
+  const auto with = [&](std::string id, std::vector<VolumeRecord> volumes) {
     AlbumRecord bad = replace;
-    bad.volumes = c.volumes;
-    EXPECT_EQ(cat->WriteAlbum(bad, WriteMode::kReplace), kInvalidArgument) << c.what;
-    EXPECT_NE(cat->LastErrorText().find(c.what), std::string::npos) << cat->LastErrorText();
+    bad.id = std::move(id);
+    bad.volumes = std::move(volumes);
+    return bad;
+  };
+  const std::pair<const char*, AlbumRecord> cases[] = {
+      {"twice in the album", with(album.id, {only, only})},
+      {"appears twice", with(album.id, {dup_track})},
+      {"start at 1", with(album.id, {zero_track})},
+      {"16 hexadecimal digits", with("not-an-identifier", {only})},
+      {"another album", with("", {only})},
+  };
+  for (auto [what, bad] : cases) {
+    EXPECT_EQ(cat->WriteAlbum(bad, WriteMode::kReplace), kInvalidArgument) << what;
+    EXPECT_NE(cat->LastErrorText().find(what), std::string::npos) << cat->LastErrorText();
   }
-  AlbumRecord bad_id = replace;
-  bad_id.id = "not-an-identifier";
-  EXPECT_EQ(cat->WriteAlbum(bad_id, WriteMode::kReplace), kInvalidArgument);
-  EXPECT_NE(cat->LastErrorText().find("16 hexadecimal digits"), std::string::npos);
   AlbumRecord lower;
   lower.id = "00000000000000ab";  // a given identifier is kept, in upper case
   ASSERT_EQ(cat->WriteAlbum(lower, WriteMode::kReplace), kOk);
   EXPECT_EQ(lower.id, "00000000000000AB");
   EXPECT_EQ(cat->DeleteAlbum("00000000000000ab"), kOk);
-  AlbumRecord other;
-  other.volumes = {only};
-  EXPECT_EQ(cat->WriteAlbum(other, WriteMode::kReplace), kInvalidArgument);
-  EXPECT_NE(cat->LastErrorText().find("another album"), std::string::npos);
   EXPECT_EQ(cat->AlbumCount(), 1u);
-  got = *cat->ReadAlbum(album.id);
-  EXPECT_EQ(got, replace);
+  EXPECT_EQ(*cat->ReadAlbum(album.id), replace);
 
   EXPECT_EQ(cat->DeleteAlbum(album.id), kOk);
   EXPECT_EQ(cat->AlbumCount(), 0u);
@@ -187,7 +189,7 @@ TEST(SqliteCatalogTest, ReplaceAndMergeModes) {
 
 TEST(SqliteCatalogTest, SinglePropertiesAndCovers) {
   TempDir dir;
-  auto cat = Open(dir / "c.dab", CatalogOpenMode::kCreate);
+  auto cat = OpenSqliteCatalog(dir / "c.dab", CatalogOpenMode::kCreate);
   ASSERT_TRUE(cat);
   AlbumRecord album = SampleAlbum();
   ASSERT_EQ(cat->WriteAlbum(album, WriteMode::kReplace), kOk);
@@ -220,7 +222,7 @@ TEST(SqliteCatalogTest, SinglePropertiesAndCovers) {
 TEST(SqliteCatalogTest, ArtistsDatabasePropertiesAndLists) {
   TempDir dir;
   const auto path = dir / "c.dab";
-  auto cat = Open(path, CatalogOpenMode::kCreate);
+  auto cat = OpenSqliteCatalog(path, CatalogOpenMode::kCreate);
   ASSERT_TRUE(cat);
   EXPECT_TRUE(cat->Artists().empty());
   EXPECT_EQ(cat->ArtistsModified(), 0u);
@@ -260,7 +262,7 @@ TEST(SqliteCatalogTest, ArtistsDatabasePropertiesAndLists) {
   EXPECT_EQ(cat->SetUserList("user_genres", ""), kOk);  // an empty list is a list
   EXPECT_EQ(cat->UserList("user_genres"), "");
   cat.reset();
-  cat = Open(path, CatalogOpenMode::kReadOnly);
+  cat = OpenSqliteCatalog(path, CatalogOpenMode::kReadOnly);
   ASSERT_TRUE(cat);
   EXPECT_EQ(cat->UserList("user_locations"), "Attic\nShelf\n");
   EXPECT_EQ(cat->Artists(), (std::vector<ArtistEntry>{band}));
@@ -269,17 +271,17 @@ TEST(SqliteCatalogTest, ArtistsDatabasePropertiesAndLists) {
 TEST(SqliteCatalogTest, OneWriterWhileReadersRead) {
   TempDir dir;
   const auto path = dir / "c.dab";
-  auto writer = Open(path, CatalogOpenMode::kCreate);
+  auto writer = OpenSqliteCatalog(path, CatalogOpenMode::kCreate);
   ASSERT_TRUE(writer);
   AlbumRecord album = SampleAlbum();
   ASSERT_EQ(writer->WriteAlbum(album, WriteMode::kReplace), kOk);
 
   HResult error = kOk;
   std::string message;
-  EXPECT_FALSE(Open(path, CatalogOpenMode::kReadWrite, &error, &message));
+  EXPECT_FALSE(OpenSqliteCatalog(path, CatalogOpenMode::kReadWrite, &error, &message));
   EXPECT_EQ(error, kCatalogLocked);
   EXPECT_EQ(message, "another process is writing to " + path.string());
-  EXPECT_FALSE(Open(path, CatalogOpenMode::kCreate, &error, &message));
+  EXPECT_FALSE(OpenSqliteCatalog(path, CatalogOpenMode::kCreate, &error, &message));
   EXPECT_EQ(error, kCatalogLocked);
 
   // The same refusal in another process, which reads meanwhile.
@@ -296,7 +298,7 @@ TEST(SqliteCatalogTest, OneWriterWhileReadersRead) {
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 
-  auto reader = Open(path, CatalogOpenMode::kReadOnly, &error, &message);
+  auto reader = OpenSqliteCatalog(path, CatalogOpenMode::kReadOnly, &error, &message);
   ASSERT_TRUE(reader) << message;
   EXPECT_EQ(reader->AlbumCount(), 1u);
   // The reader sees the writer's later commits.
@@ -322,24 +324,20 @@ TEST(SqliteCatalogTest, OneWriterWhileReadersRead) {
   // Once the writer is gone, another may write, and a reader may suspend.
   writer.reset();
   EXPECT_EQ(reader->SuspendWriting(), kOk);
-  EXPECT_FALSE(Open(path, CatalogOpenMode::kReadWrite, &error, &message));
+  EXPECT_FALSE(OpenSqliteCatalog(path, CatalogOpenMode::kReadWrite, &error, &message));
   EXPECT_EQ(error, kCatalogLocked);
   reader->ResumeWriting();
-  EXPECT_TRUE(Open(path, CatalogOpenMode::kReadWrite));
+  EXPECT_TRUE(OpenSqliteCatalog(path, CatalogOpenMode::kReadWrite));
 }
 
 TEST(SqliteCatalogTest, ForeignOrDamagedFilesAreRefusedUntouched) {
   TempDir dir;
   const auto good = dir / "good.dab";
-  {
-    auto cat = Open(good, CatalogOpenMode::kCreate);
-    ASSERT_TRUE(cat);
-    for (int i = 0; i < 200; ++i) {
-      AlbumRecord a;
-      a.properties.Set(field::kComment, std::string(500, 'x'));
-      ASSERT_EQ(cat->WriteAlbum(a, WriteMode::kReplace), kOk);
-    }
-  }
+  Fill(good, 200, [](int) {
+    AlbumRecord a;
+    a.properties.Set(field::kComment, std::string(500, 'x'));
+    return a;
+  });
   const std::string bytes = ReadFile(good);
   ASSERT_GT(bytes.size(), 8192u);
 
@@ -369,7 +367,7 @@ TEST(SqliteCatalogTest, ForeignOrDamagedFilesAreRefusedUntouched) {
          {CatalogOpenMode::kReadOnly, CatalogOpenMode::kReadWrite, CatalogOpenMode::kCreate}) {
       HResult error = kOk;
       std::string message;
-      EXPECT_FALSE(Open(path, mode, &error, &message)) << c.name;
+      EXPECT_FALSE(OpenSqliteCatalog(path, mode, &error, &message)) << c.name;
       EXPECT_EQ(error, kCatalogInvalid) << c.name;
       EXPECT_NE(message.find(c.message), std::string::npos) << c.name << ": " << message;
       EXPECT_NE(message.find(path.string()), std::string::npos) << message;
@@ -380,32 +378,29 @@ TEST(SqliteCatalogTest, ForeignOrDamagedFilesAreRefusedUntouched) {
 
   HResult error = kOk;
   std::string message;
-  EXPECT_FALSE(Open(dir / "missing.dab", CatalogOpenMode::kReadWrite, &error, &message));
+  EXPECT_FALSE(
+      OpenSqliteCatalog(dir / "missing.dab", CatalogOpenMode::kReadWrite, &error, &message));
   EXPECT_EQ(error, kCatalogMissing);
   EXPECT_FALSE(std::filesystem::exists(dir / "missing.dab"));
-  EXPECT_FALSE(Open(dir.path(), CatalogOpenMode::kReadOnly, &error, &message));
+  EXPECT_FALSE(OpenSqliteCatalog(dir.path(), CatalogOpenMode::kReadOnly, &error, &message));
   EXPECT_EQ(error, kCatalogInvalid);
 }
 
 TEST(SqliteCatalogTest, CorruptPagesThrowFatalDatabaseError) {
   TempDir dir;
   const auto path = dir / "c.dab";
-  {
-    auto cat = Open(path, CatalogOpenMode::kCreate);
-    ASSERT_TRUE(cat);
-    for (int i = 0; i < 100; ++i) {
-      AlbumRecord a = SampleAlbum();
-      for (VolumeRecord& v : a.volumes)
-        v.record_id += static_cast<uint32_t>(i) << 8;
-      ASSERT_EQ(cat->WriteAlbum(a, WriteMode::kReplace), kOk);
-    }
-  }
+  Fill(path, 100, [](int i) {
+    AlbumRecord a = SampleAlbum();
+    for (VolumeRecord& v : a.volumes)
+      v.record_id += static_cast<uint32_t>(i) << 8;
+    return a;
+  });
   std::string bytes = ReadFile(path);
   // Overwrite every page after the schema with garbage; the header stays valid.
   for (size_t i = 8192; i < bytes.size(); ++i)
     bytes[i] = static_cast<char>(0xA5 ^ (i * 7));
   WriteFile(path, bytes);
-  auto cat = Open(path, CatalogOpenMode::kReadOnly);
+  auto cat = OpenSqliteCatalog(path, CatalogOpenMode::kReadOnly);
   ASSERT_TRUE(cat);
   EXPECT_THROW(cat->ForEachAlbum([](const AlbumRecord&) { return true; }), FatalDatabaseError);
 }
@@ -413,8 +408,8 @@ TEST(SqliteCatalogTest, CorruptPagesThrowFatalDatabaseError) {
 TEST(SqliteCatalogTest, BatchesCommitTogetherAndFailuresStayAlone) {
   TempDir dir;
   const auto path = dir / "c.dab";
-  auto writer = Open(path, CatalogOpenMode::kCreate);
-  auto reader = Open(path, CatalogOpenMode::kReadOnly);
+  auto writer = OpenSqliteCatalog(path, CatalogOpenMode::kCreate);
+  auto reader = OpenSqliteCatalog(path, CatalogOpenMode::kReadOnly);
   ASSERT_TRUE(writer && reader);
   EXPECT_EQ(writer->CommitBatch(), kInvalidArgument);
   {
@@ -443,14 +438,11 @@ TEST(SqliteCatalogTest, DamagedRecordThrowsFatalDatabaseError) {
   TempDir dir;
   const auto path = dir / "c.dab";
   AlbumRecord album = SampleAlbum();
+  album.id = "00000000000000A1";
   AlbumRecord intact;
+  intact.id = "00000000000000B2";
   intact.properties.Set(field::kTitle, "Intact");
-  {
-    auto cat = Open(path, CatalogOpenMode::kCreate);
-    ASSERT_TRUE(cat);
-    ASSERT_EQ(cat->WriteAlbum(album, WriteMode::kReplace), kOk);
-    ASSERT_EQ(cat->WriteAlbum(intact, WriteMode::kReplace), kOk);
-  }
+  Fill(path, 2, [&](int i) { return i == 0 ? album : intact; });
   // Cut the last bytes off one album's record, as a foreign writer might.
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
@@ -462,7 +454,7 @@ TEST(SqliteCatalogTest, DamagedRecordThrowsFatalDatabaseError) {
   sqlite3_close(db);
   ASSERT_EQ(rc, SQLITE_OK);
 
-  auto cat = Open(path, CatalogOpenMode::kReadOnly);
+  auto cat = OpenSqliteCatalog(path, CatalogOpenMode::kReadOnly);
   ASSERT_TRUE(cat);
   try {
     cat->ReadVolume(0x12345602);

@@ -1,26 +1,295 @@
+// The collection document: the XML stream writer under it, the covers it
+// hashes, and the whole document written from a real catalogue.
 #include "dischive/collection.h"
 
 #include <gtest/gtest.h>
 #include <libxml/parser.h>
-#include <libxml/tree.h>
+#include <libxml/xpath.h>
 #include <turbojpeg.h>
 
 #include <fmt/format.h>
 
 #include <cerrno>
 #include <map>
+#include <sstream>
 #include <vector>
 
 #include "dischive/cover.h"
 #include "dischive/date.h"
 #include "dischive/errors.h"
 #include "dischive/sqlite_catalog.h"
+#include "dischive/xml_writer.h"
 #include "support/temp_dir.h"
 
 namespace dischive {
 namespace {
 
 namespace f = field;
+
+constexpr std::string_view kDecl = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+
+xmlDocPtr Parse(const std::string& xml) {
+  return xmlReadMemory(xml.data(), static_cast<int>(xml.size()), nullptr, nullptr,
+                       XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+}
+
+bool IsWellFormed(const std::string& xml) {
+  xmlDocPtr doc = Parse(xml);
+  if (doc == nullptr) return false;
+  xmlFreeDoc(doc);
+  return true;
+}
+
+// Keeps what it is given; fails every write after the first `fail_after`.
+struct CountingOutput : XmlOutput {
+  bool Write(const char* data, size_t size) override {
+    ++writes;
+    text.append(data, size);
+    return writes <= fail_after;
+  }
+  size_t writes = 0;
+  size_t fail_after = SIZE_MAX;
+  std::string text;
+};
+
+// 20000 small elements in a root: enough to flush the writer's buffer often.
+bool WriteMany(CountingOutput& out) {
+  XmlStreamWriter writer(out, CodePage::kUtf8);
+  XmlElementScope root(writer, "R");
+  root.Open();
+  for (int i = 0; i < 20000; ++i)
+    writer.WriteTextElement("I", "0123456789");
+  root.Close();
+  const bool finished = writer.Finish();
+  EXPECT_TRUE(!finished || writer.bytes_written() == out.text.size());
+  return finished;
+}
+
+TEST(XmlStreamWriterTest, LayoutOfNestedElementsTextAndDeferredScopes) {
+  StringXmlOutput out;
+  {
+    XmlStreamWriter writer(out, CodePage::kUtf8);
+    XmlElementScope root(writer, "Root");
+    root.Attribute("Version", "1.0").Attribute("Empty", "").Open();
+    {
+      XmlElementScope list(writer, "List");
+      list.Open();
+      writer.WriteTextElement("Item", "one");
+      writer.WriteTextElement("Item", "");
+      {
+        // Deferred with attributes and no content: an empty element.
+        XmlElementScope common(writer, "Common");
+        common.Attribute("Live", "1").Open(true);
+      }
+      {
+        // Deferred without attributes or content: nothing at all.
+        XmlElementScope common(writer, "Common");
+        common.Open(true);
+      }
+      {
+        // A deferred parent is forced out by a child, outermost first.
+        XmlElementScope outer(writer, "Outer");
+        outer.Open(true);
+        XmlElementScope inner(writer, "Inner");
+        inner.Open(true);
+        writer.WriteTextElement("Leaf", "x");
+      }
+      XmlElementScope none(writer, "NoChildren");
+      none.Open();
+    }
+    writer.WriteCDataElement("Memo", "a\r\nb");
+    writer.WriteCDataElement("Nothing", "");
+    root.Close();
+    EXPECT_TRUE(writer.Finish());
+  }
+  EXPECT_EQ(out.text(), std::string(kDecl) +
+                            "<Root Version=\"1.0\">\n"
+                            "\t<List>\n"
+                            "\t\t<Item>one</Item>\n"
+                            "\t\t<Item></Item>\n"
+                            "\t\t<Common Live=\"1\"/>\n"
+                            "\t\t<Outer>\n"
+                            "\t\t\t<Inner>\n"
+                            "\t\t\t\t<Leaf>x</Leaf>\n"
+                            "\t\t\t</Inner>\n"
+                            "\t\t</Outer>\n"
+                            "\t\t<NoChildren></NoChildren>\n"
+                            "\t</List>\n"
+                            "\t<Memo><![CDATA[a\nb]]></Memo>\n"
+                            "\t<Nothing></Nothing>\n"
+                            "</Root>");
+  EXPECT_TRUE(IsWellFormed(out.text()));
+}
+
+TEST(XmlStreamWriterTest, EscapingAndCleaningOfTextAttributesAndCData) {
+  struct Case {
+    CodePage page;
+    std::string input;
+    std::string text;   // as element text
+    std::string cdata;  // inside the CDATA section written with WriteCData
+  };
+  const Case cases[] = {
+      {CodePage::kUtf8, "a<b & \"c\"", "a&lt;b &amp; &quot;c&quot;", "a<b & \"c\""},
+      {CodePage::kUtf8, "it's > it", "it's &gt; it", "it's > it"},
+      {CodePage::kUtf8, "tab\tcr\rlf\n", "tab\tcr\rlf\n", "tab\tcr\rlf\n"},
+      {CodePage::kUtf8, std::string("x\x01\x1F\0y", 5), "xy", "xy"},
+      {CodePage::kUtf8, "end]]>here", "end]]&gt;here", "end]]]]><![CDATA[>here"},
+      {CodePage::kUtf8, "end]]\x02>", "end]]&gt;", "end]]]]><![CDATA[>"},
+      {CodePage::kUtf8, "bad\xC3(\xFF", "bad\xEF\xBF\xBD(\xEF\xBF\xBD",
+       "bad\xEF\xBF\xBD(\xEF\xBF\xBD"},
+      {CodePage::kUtf8, "\xEF\xBF\xBEno\xC3\xA9", "no\xC3\xA9", "no\xC3\xA9"},
+      {CodePage::kWindows1252, "caf\xE9 \x80", "caf\xC3\xA9 \xE2\x82\xAC",
+       "caf\xC3\xA9 \xE2\x82\xAC"},
+      {CodePage::kWindows1252, "a&\x01", "a&amp;", "a&"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.input);
+    StringXmlOutput out;
+    {
+      XmlStreamWriter writer(out, c.page);
+      XmlElementScope root(writer, "R");
+      root.Attribute("A", c.input).Open();
+      writer.WriteTextElement("T", c.input);
+      XmlElementScope cdata(writer, "C");
+      cdata.Open();
+      writer.WriteCData(c.input);
+    }
+    EXPECT_EQ(out.text(), std::string(kDecl) + "<R A=\"" + c.text + "\">\n\t<T>" + c.text +
+                              "</T>\n\t<C><![CDATA[" + c.cdata + "]]></C>\n</R>");
+    EXPECT_TRUE(IsWellFormed(out.text())) << out.text();
+  }
+}
+
+TEST(XmlStreamWriterTest, LargeOutputIsFlushedInPiecesAndWriteFailuresAreReported) {
+  CountingOutput out;
+  EXPECT_TRUE(WriteMany(out));
+  EXPECT_GT(out.writes, 3u);
+  EXPECT_TRUE(IsWellFormed(out.text));
+
+  std::ostringstream stream;
+  {
+    OstreamXmlOutput ostream_out(stream);
+    XmlStreamWriter writer(ostream_out);
+    writer.WriteTextElement("E", "\xE9");
+    EXPECT_TRUE(writer.Finish());
+  }
+  EXPECT_EQ(stream.str(), std::string(kDecl) + "<E>\xC3\xA9</E>");
+
+  CountingOutput failing;
+  failing.fail_after = 1;
+  EXPECT_FALSE(WriteMany(failing));
+  EXPECT_EQ(failing.writes, 2u);  // nothing more after the failed write
+}
+
+// A JPEG made by libjpeg-turbo: the left half red, the right half blue (or a
+// grey ramp when `grey`).
+std::string MakeJpeg(int width, int height, bool grey = false) {
+  const int ch = grey ? 1 : 3;
+  std::vector<uint8_t> pixels(static_cast<size_t>(width) * height * ch);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      uint8_t* p = &pixels[(static_cast<size_t>(y) * width + x) * ch];
+      if (grey) {
+        p[0] = static_cast<uint8_t>(x * 255 / width);
+      } else {
+        const bool left = x < width / 2;
+        p[0] = left ? 220 : 20;
+        p[1] = 30;
+        p[2] = left ? 20 : 220;
+      }
+    }
+  }
+  tjhandle handle = tjInitCompress();
+  unsigned char* jpeg = nullptr;
+  unsigned long size = 0;
+  EXPECT_EQ(tjCompress2(handle, pixels.data(), width, 0, height, grey ? TJPF_GRAY : TJPF_RGB, &jpeg,
+                        &size, grey ? TJSAMP_GRAY : TJSAMP_420, 85, 0),
+            0);
+  std::string bytes(reinterpret_cast<const char*>(jpeg), size);
+  tjFree(jpeg);
+  tjDestroy(handle);
+  return bytes;
+}
+
+struct Decoded {
+  int width = 0, height = 0, subsampling = -1;
+  std::vector<uint8_t> rgb;
+};
+
+Decoded Decode(const std::string& jpeg) {
+  Decoded d;
+  tjhandle handle = tjInitDecompress();
+  const auto* data = reinterpret_cast<const unsigned char*>(jpeg.data());
+  int colorspace = 0;
+  if (tjDecompressHeader3(handle, data, jpeg.size(), &d.width, &d.height, &d.subsampling,
+                          &colorspace) == 0) {
+    d.rgb.resize(static_cast<size_t>(d.width) * d.height * 3);
+    EXPECT_EQ(
+        tjDecompress2(handle, data, jpeg.size(), d.rgb.data(), d.width, 0, d.height, TJPF_RGB, 0),
+        0);
+  }
+  tjDestroy(handle);
+  return d;
+}
+
+TEST(CoverTest, HashIsUpperCaseMd5OfTheBytes) {
+  EXPECT_EQ(CoverHash(""), "D41D8CD98F00B204E9800998ECF8427E");
+  EXPECT_EQ(CoverHash("abc"), "900150983CD24FB0D6963F7D28E17F72");
+}
+
+TEST(CoverTest, LargeCoversAreScaledToTheUploadSize) {
+  struct Case {
+    int width, height;
+    bool grey;
+    int want_width, want_height;
+  };
+  const Case cases[] = {
+      {1000, 600, false, 160, 96}, {600, 1000, false, 96, 160}, {161, 161, false, 160, 160},
+      {1000, 5, false, 160, 1},    {400, 300, true, 160, 120},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.width << "x" << c.height);
+    const std::string stored = MakeJpeg(c.width, c.height, c.grey);
+    const PreparedCover cover = PrepareCover(stored);
+    ASSERT_EQ(cover.outcome, CoverOutcome::kScaled);
+    EXPECT_EQ(cover.width, c.want_width);
+    EXPECT_EQ(cover.height, c.want_height);
+    const Decoded d = Decode(cover.bytes);
+    EXPECT_EQ(d.width, c.want_width);
+    EXPECT_EQ(d.height, c.want_height);
+    EXPECT_EQ(d.subsampling, c.grey ? TJSAMP_GRAY : TJSAMP_420);
+    // The same input always gives the same bytes, hence the same hash.
+    EXPECT_EQ(PrepareCover(stored).bytes, cover.bytes);
+  }
+
+  // The picture survives the scaling: red on the left, blue on the right.
+  const Decoded d = Decode(PrepareCover(MakeJpeg(1000, 600)).bytes);
+  const uint8_t* left = &d.rgb[(48 * 160 + 20) * 3];
+  const uint8_t* right = &d.rgb[(48 * 160 + 140) * 3];
+  EXPECT_GT(left[0], 180);
+  EXPECT_LT(left[2], 60);
+  EXPECT_LT(right[0], 60);
+  EXPECT_GT(right[2], 180);
+}
+
+TEST(CoverTest, SmallAndUndecodableCoversAreUsedAsStored) {
+  for (const auto& [w, h] : {std::pair{120, 160}, std::pair{160, 160}, std::pair{1, 1}}) {
+    const std::string stored = MakeJpeg(w, h);
+    const PreparedCover cover = PrepareCover(stored);
+    EXPECT_EQ(cover.outcome, CoverOutcome::kKept);
+    EXPECT_EQ(cover.bytes, stored);
+    EXPECT_EQ(cover.width, w);
+  }
+
+  std::string truncated = MakeJpeg(800, 800);
+  truncated.resize(truncated.size() / 2);
+  const std::string not_jpeg = "\x89PNG\r\n\x1a\nnot really";
+  for (const std::string& stored : {not_jpeg, truncated, std::string("\xFF\xD8\xFF", 3)}) {
+    const PreparedCover cover = PrepareCover(stored);
+    EXPECT_EQ(cover.outcome, CoverOutcome::kUndecodable);
+    EXPECT_EQ(cover.bytes, stored);
+  }
+}
 
 // A real catalogue file in a temporary folder.
 struct Catalogue {
@@ -304,11 +573,6 @@ la]]></Lyrics>
 	<Packagings Modified="00000000"></Packagings>
 </Collection>)";
 
-xmlDocPtr Parse(const std::string& xml) {
-  return xmlReadMemory(xml.data(), static_cast<int>(xml.size()), nullptr, nullptr,
-                       XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
-}
-
 TEST(CollectionWriterTest, WritesTheWholeDocumentExactly) {
   Catalogue catalog;
   FillSample(catalog);
@@ -345,21 +609,6 @@ TEST(CollectionWriterTest, WritesTheWholeDocumentExactly) {
             std::string::npos);
 }
 
-// The first element child of a node.
-const xmlNode* FirstElement(const xmlNode* node) {
-  node = node != nullptr ? node->children : nullptr;
-  while (node != nullptr && node->type != XML_ELEMENT_NODE)
-    node = node->next;
-  return node;
-}
-
-std::string ContentOf(const xmlNode* node) {
-  xmlChar* text = xmlNodeGetContent(node);
-  std::string result = text != nullptr ? reinterpret_cast<const char*>(text) : "";
-  xmlFree(text);
-  return result;
-}
-
 TEST(CollectionWriterTest, HostileCatalogueTextStillGivesAWellFormedDocument) {
   Catalogue catalog;
   AlbumRecord a;
@@ -385,22 +634,21 @@ TEST(CollectionWriterTest, HostileCatalogueTextStillGivesAWellFormedDocument) {
   ASSERT_EQ(writer.Write(out), kOk);
   xmlDocPtr doc = Parse(out.text());
   ASSERT_NE(doc, nullptr) << out.text();
+  const auto text = [&](const char* path) {
+    xmlXPathContextPtr context = xmlXPathNewContext(doc);
+    xmlXPathObjectPtr found =
+        xmlXPathEvalExpression(reinterpret_cast<const xmlChar*>(path), context);
+    std::string result = reinterpret_cast<const char*>(found->stringval);
+    xmlXPathFreeObject(found);
+    xmlXPathFreeContext(context);
+    return result;
+  };
   // What XML can carry survives: DEL, markup characters, the apostrophe, the
   // invalid bytes as U+FFFD, line ends and the CDATA text around "]]>".
   const std::string kept = "t\x7F]]>\xEF\xBF\xBD\xEF\xBF\xBD<&>\"'\nend";
-  const xmlNode* album = FirstElement(FirstElement(xmlDocGetRootElement(doc)));
-  ASSERT_NE(album, nullptr);
-  xmlChar* id = xmlGetProp(album, reinterpret_cast<const xmlChar*>("ID"));
-  EXPECT_STREQ(reinterpret_cast<const char*>(id), "0000000000000001");
-  xmlFree(id);
-  std::map<std::string, std::string> texts;
-  for (const xmlNode* child = FirstElement(album); child != nullptr; child = child->next) {
-    if (child->type == XML_ELEMENT_NODE) {
-      texts[reinterpret_cast<const char*>(child->name)] = ContentOf(child);
-    }
-  }
-  EXPECT_EQ(texts["Title"], kept);
-  EXPECT_EQ(texts["Comment"], "]]>" + kept + "]]]]>");
+  EXPECT_EQ(text("string(/Collection/Albums/Album/@ID)"), "0000000000000001");
+  EXPECT_EQ(text("string(//Album/Title)"), kept);
+  EXPECT_EQ(text("string(//Album/Comment)"), "]]>" + kept + "]]]]>");
   xmlFreeDoc(doc);
 }
 
@@ -412,10 +660,8 @@ TEST(CollectionWriterTest, StopsOnCancelAndOnWriteFailure) {
   EXPECT_EQ(writer.Write(out, [](size_t done, size_t) { return done < 2; }), kAborted);
   EXPECT_EQ(writer.stats().albums, 2u);
 
-  class FailingOutput : public XmlOutput {
-   public:
-    bool Write(const char*, size_t) override { return false; }
-  } failing;
+  CountingOutput failing;
+  failing.fail_after = 0;
   // Enough albums to fill the writer's buffer, so the failure is seen early.
   AlbumRecord copy = *catalog.engine->ReadAlbum("0123456789ABCDEF");
   for (int i = 0; i < 60; ++i) {
@@ -426,22 +672,6 @@ TEST(CollectionWriterTest, StopsOnCancelAndOnWriteFailure) {
   }
   EXPECT_EQ(writer.Write(failing), HResultFromErrno(EIO));
   EXPECT_LT(writer.stats().albums, 60u);
-}
-
-std::string MakeJpeg(int width, int height) {
-  std::vector<uint8_t> pixels(static_cast<size_t>(width) * height * 3, 0x80);
-  for (size_t i = 0; i < pixels.size(); i += 7)
-    pixels[i] = static_cast<uint8_t>(i);
-  tjhandle handle = tjInitCompress();
-  unsigned char* jpeg = nullptr;
-  unsigned long size = 0;
-  EXPECT_EQ(tjCompress2(handle, pixels.data(), width, 0, height, TJPF_RGB, &jpeg, &size, TJSAMP_444,
-                        90, 0),
-            0);
-  std::string bytes(reinterpret_cast<const char*>(jpeg), size);
-  tjFree(jpeg);
-  tjDestroy(handle);
-  return bytes;
 }
 
 TEST(CollectionWriterTest, CoversAreHashedAndStoredInTheCache) {
