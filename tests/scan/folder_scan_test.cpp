@@ -318,6 +318,12 @@ TEST_F(FolderScanTest, UnchangedFolderSkippedAndChangedOneRescanned) {
   FolderListing listing;
   EnumerateFolder(folder, options_.extensions, listing);
   EXPECT_EQ(first.record_id, FolderRecordId(listing));
+  // A new volume gets its creation time; rescans keep the stored one.
+  AlbumRecord stored = catalog_->ReadAlbum(first.album_id).value_or(AlbumRecord{});
+  ASSERT_EQ(stored.volumes.size(), 1u);
+  EXPECT_GT(stored.volumes[0].created, 0u);
+  stored.volumes[0].created = 12345;
+  ASSERT_EQ(catalog_->WriteAlbum(stored, WriteMode::kReplace), kOk);
 
   EXPECT_EQ(Scan(folder).outcome, kUnchanged);
   EXPECT_EQ(lines_.back(), "Folder skipped due to existing record");
@@ -346,7 +352,9 @@ TEST_F(FolderScanTest, UnchangedFolderSkippedAndChangedOneRescanned) {
   options_.flags |= 0x20000000;  // beyond the compared bits
   EXPECT_EQ(Scan(folder).outcome, kUnchanged);
   options_.flags |= scan_flags::kNeverSkipUnchanged;
-  EXPECT_EQ(Scan(folder).outcome, kUpdated);
+  r = Scan(folder);
+  EXPECT_EQ(r.outcome, kUpdated);
+  EXPECT_EQ(catalog_->ReadVolume(r.record_id).value_or(VolumeRecord{}).created, 12345u);
   // A different extension list changes the third value.
   options_.flags = scan_flags::kDefault | 0x02;
   options_.extensions = {"mp3", "flac"};
