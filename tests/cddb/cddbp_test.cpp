@@ -1,6 +1,8 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <regex>
+
 #include "cddb/cddbp.h"
 #include "dischive/version.h"
 #include "support/fake_freedb.h"
@@ -11,40 +13,21 @@ namespace {
 
 using Action = FakeCddbpServer::Action;
 
-std::string Version() {
-  return fmt::format("{}.{}", GetLibraryVersion().major, GetLibraryVersion().minor);
-}
-
-std::string Crlf(const std::string& text) {
-  std::string out;
-  for (const char c : text) {
-    if (c == '\n') out += '\r';
-    out += c;
-  }
-  return out;
-}
-
-const std::string kEntry =
-    MakeXmcd(0x0a0b0c03, "The Band / First Album", 1999, "Rock", {"One", "Two", "Three"}, 2);
-
 class CddbpTest : public ::testing::Test {
  protected:
   CddbpTest() {
     AddSampleDiscs(*db);
-    for (MemorySettingsStore* s : {&settings}) {
-      s->SetString("internet2", "cddb_server", "127.0.0.1");
-      s->SetInt("internet2", "cddb_port", server.port());
-      s->SetString("internet2", "email_address", "me@example.org");
-      s->SetString("internet2", "acquire_url", http.url());
-      s->SetInt("internet2", "preconfig_http_proxy", 0);
-      s->SetInt("internet2", "cddb_timeout", 1);
-    }
+    settings.SetString("internet2", "cddb_server", "127.0.0.1");
+    settings.SetInt("internet2", "cddb_port", server.port());
+    settings.SetString("internet2", "email_address", "me@example.org");
+    settings.SetString("internet2", "acquire_url", http.url());
+    settings.SetInt("internet2", "preconfig_http_proxy", 0);
+    settings.SetInt("internet2", "cddb_timeout", 1);
   }
 
-  // Looks the discs up; `tocs` one disc each.
+  // Looks up one disc per table of contents.
   LookupHarness& Run(const std::vector<DiscToc>& tocs, std::string* transcript = nullptr) {
-    harnesses.push_back(std::make_unique<LookupHarness>());
-    LookupHarness& h = *harnesses.back();
+    LookupHarness& h = *harnesses.emplace_back(std::make_unique<LookupHarness>());
     for (const DiscToc& toc : tocs)
       h.AddDisc(toc);
     EXPECT_EQ(
@@ -63,20 +46,14 @@ class CddbpTest : public ::testing::Test {
 TEST_F(CddbpTest, SameMetadataAsOverHttp) {
   const std::vector<DiscToc> tocs = {MakeToc(0x1000a002, 2), MakeToc(0x2000b002, 2),
                                      MakeToc(0x0a0b0c03, 3), MakeToc(0x0dead001, 1)};
-  auto prepare = [](LookupHarness& h) {
-    h.discs[1].metadata.SetText(field::kArtist, 0, "The Band");
-    h.discs[1].metadata.SetText(field::kTitle, 0, "Second");
-    h.request.match_by_name = true;
-    h.choose = [](MatchChoice& c) {
-      c.chosen = 1;
-      return intptr_t{1};
-    };
-  };
   LookupHarness over_http, over_socket;
   for (LookupHarness* h : {&over_http, &over_socket}) {
     for (const DiscToc& toc : tocs)
       h->AddDisc(toc);
-    prepare(*h);
+    h->discs[1].metadata.SetText(field::kArtist, 0, "The Band");
+    h->discs[1].metadata.SetText(field::kTitle, 0, "Second");
+    h->request.match_by_name = true;
+    h->choose = [](MatchChoice& c) { return c.chosen = 1, intptr_t{1}; };
   }
   ASSERT_EQ(over_http.Run([&](DiscLookupRequest& r) { return LookupDiscsFreedb(r, settings); }),
             kOk);
@@ -101,79 +78,61 @@ TEST_F(CddbpTest, SameMetadataAsOverHttp) {
 
 TEST_F(CddbpTest, TranscriptMatchesTheExchange) {
   std::string transcript;
-  const LookupHarness& h = Run({MakeToc(0x0a0b0c03, 3)}, &transcript);
-  ASSERT_EQ(h.discs[0].result, kOk);
-  const std::string v = Version();
-  EXPECT_EQ(server.received(), "cddb hello me example.org DiscHive " + v +
+  ASSERT_EQ(Run({MakeToc(0x0a0b0c03, 3)}, &transcript).discs[0].result, kOk);
+  const std::string agent = AgentText();
+  EXPECT_EQ(server.received(), "cddb hello me example.org " + agent +
                                    "\nproto 5\ncddb query 0a0b0c03 3 150 15150 30150 602\n"
                                    "cddb read rock 0a0b0c03\nquit\n");
-  EXPECT_EQ(transcript,
-            fmt::format("Connecting to 127.0.0.1:{}\r\n", server.port()) +
-                "<| 201 fake CDDBP server v1.5.2PL0 ready at Sat Nov 21 12:00:00 2026\r\n"
-                ">| cddb hello me example.org DiscHive " +
-                v +
-                "\r\n"
-                "<| 200 Hello and welcome me@example.org running DiscHive " +
-                v +
-                ".\r\n"
-                ">| proto 5\r\n"
-                "<| 201 OK, CDDB protocol level now: 5\r\n"
-                ">| cddb query 0a0b0c03 3 150 15150 30150 602\r\n"
-                "<| 200 rock 0a0b0c03 The Band / First Album\r\n"
-                ">| cddb read rock 0a0b0c03\r\n"
-                "<| 210 rock 0a0b0c03 CD database entry follows (until terminating `.')\r\n" +
-                Crlf(kEntry) + ".\r\n>| quit\r\n");
+  const std::string entry = std::regex_replace(
+      MakeXmcd(0x0a0b0c03, "The Band / First Album", 1999, "Rock", {"One", "Two", "Three"}, 2),
+      std::regex("\n"), "\r\n");
+  EXPECT_EQ(
+      transcript,
+      fmt::format("Connecting to 127.0.0.1:{}\r\n<| 201 fake CDDBP server v1.5.2PL0 ready at Sat "
+                  "Nov 21 12:00:00 2026\r\n>| cddb hello me example.org {}\r\n<| 200 Hello and "
+                  "welcome me@example.org running {}.\r\n>| proto 5\r\n<| 201 OK, CDDB protocol "
+                  "level now: 5\r\n>| cddb query 0a0b0c03 3 150 15150 30150 602\r\n<| 200 rock "
+                  "0a0b0c03 The Band / First Album\r\n>| cddb read rock 0a0b0c03\r\n<| 210 rock "
+                  "0a0b0c03 CD database entry follows (until terminating `.')\r\n",
+                  server.port(), agent, agent) +
+          entry + ".\r\n>| quit\r\n");
 }
 
 TEST_F(CddbpTest, RefusalsAndMalformedAnswers) {
   struct Case {
-    const char* name;
-    std::string banner;  // empty: the default
-    std::function<std::optional<Action>(const std::string&)> override_fn;
+    const char* command;  // the override answers lines starting with it
+    std::string reply;
+    bool close;
     HResult expected;
   };
-  auto on = [](const char* prefix, std::string reply, bool close = false) {
-    return [prefix, reply, close](const std::string& line) -> std::optional<Action> {
-      if (line.rfind(prefix, 0) != 0) return std::nullopt;
-      return Action{reply, close, false};
-    };
-  };
-  const std::string no_newline(40000, 'x');
   const Case cases[] = {
-      {"banner 432", "432 No connections allowed: permission denied\r\n", nullptr,
-       kCddbpConnectRefused},
-      {"hello 431", "", on("cddb hello", "431 Handshake not successful, closing connection.\r\n"),
+      {"cddb hello", "431 Handshake not successful, closing connection.\r\n", false,
        kCddbpHelloRefused},
-      {"query 403", "", on("cddb query", "403 Database entry is corrupt.\r\n"), kCddbpQueryRefused},
-      {"read 401", "", on("cddb read", "401 rock 0a0b0c03 No such CD entry in database.\r\n"),
+      {"cddb query", "403 Database entry is corrupt.\r\n", false, kCddbpQueryRefused},
+      {"cddb read", "401 rock 0a0b0c03 No such CD entry in database.\r\n", false,
        kCddbpReadRefused},
-      {"code 612", "", on("cddb hello", "612 strange\r\n"), kFreedbServiceError},
-      {"second digit 4", "", on("cddb hello", "241 strange\r\n"), kFreedbServiceError},
-      {"letters", "", on("cddb hello", "2x0 strange\r\n"), kFreedbServiceError},
-      {"other 2xx", "", on("cddb query", "230 what\r\n"), kFreedbServiceError},
-      {"body without line end", "", on("cddb read", "210" + no_newline), kFreedbServiceError},
-      {"bad entry", "", on("cddb read", "210 rock 0a0b0c03 entry\r\nJUNK\r\n.\r\n"),
-       kFreedbServiceError},
-      {"200 without blank", "", on("cddb query", "200rock 0a0b0c03 A / B\r\n"),
-       kFreedbServiceError},
-      {"closed mid-list", "",
-       on("cddb query", "211 Found inexact matches\r\nrock 0a0b0c03 A / B\r\n", true), 10054},
-      {"closed mid-line", "", on("cddb hello", "200 Hello", true), 10054},
-      {"never answers", "",
-       [](const std::string& line) -> std::optional<Action> {
-         if (line.rfind("cddb read", 0) != 0) return std::nullopt;
-         return Action{"", false, true};
-       },
-       10060},
+      {"cddb hello", "612 strange\r\n", false, kFreedbServiceError},
+      {"cddb hello", "241 strange\r\n", false, kFreedbServiceError},  // second digit 4
+      {"cddb hello", "2x0 strange\r\n", false, kFreedbServiceError},
+      {"cddb query", "230 what\r\n", false, kFreedbServiceError},
+      {"cddb read", "210" + std::string(40000, 'x'), false, kFreedbServiceError},  // no line end
+      {"cddb read", "210 rock 0a0b0c03 entry\r\nJUNK\r\n.\r\n", false, kFreedbServiceError},
+      {"cddb query", "200rock 0a0b0c03 A / B\r\n", false, kFreedbServiceError},
+      {"cddb query", "211 Found inexact matches\r\nrock 0a0b0c03 A / B\r\n", true, 10054},
+      {"cddb hello", "200 Hello", true, 10054},
+      {"cddb read", "", false, 10060},  // never answers
   };
   for (const Case& c : cases) {
-    server.SetBanner(c.banner.empty()
-                         ? "201 fake CDDBP server v1.5.2PL0 ready at Sat Nov 21 12:00:00 2026\r\n"
-                         : c.banner);
-    server.SetOverride(c.override_fn);
+    server.SetOverride([&c](const std::string& line) -> std::optional<Action> {
+      if (line.rfind(c.command, 0) != 0) return std::nullopt;
+      return Action{c.reply, c.close, c.reply.empty()};
+    });
     const LookupHarness& h = Run({MakeToc(0x0a0b0c03, 3), MakeToc(0x0a0b0c03, 3)});
-    EXPECT_EQ(h.discs[0].result, c.expected) << c.name;
+    EXPECT_EQ(h.discs[0].result, c.expected) << c.command << ": " << c.reply.substr(0, 40);
   }
+  server.SetOverride(nullptr);
+  server.SetBanner("432 No connections allowed: permission denied\r\n");
+  EXPECT_EQ(Run({MakeToc(0x0a0b0c03, 3)}).discs[0].result, kCddbpConnectRefused);
 }
 
 TEST_F(CddbpTest, CutEntryFailsAndTheNextDiscReconnects) {
@@ -189,12 +148,11 @@ TEST_F(CddbpTest, CutEntryFailsAndTheNextDiscReconnects) {
   EXPECT_EQ(server.connections() - before, 2);
 }
 
-TEST_F(CddbpTest, ConnectionRefusedGivesTheWinsockNumberAndText) {
+TEST_F(CddbpTest, ConnectionRefusedFailsEveryDisc) {
   settings.SetInt("internet2", "cddb_port", 1);
   const LookupHarness& h = Run({MakeToc(0x0a0b0c03, 3), MakeToc(0x0a0b0c03, 3)});
   EXPECT_EQ(h.discs[0].result, 10061u);
   EXPECT_EQ(h.discs[1].result, 10061u);
-  EXPECT_EQ(FormatErrorMessage(10061), "The connection was refused by the server.");
 }
 
 TEST_F(CddbpTest, SkippingALineStopsWhenTheServerCloses) {

@@ -9,26 +9,18 @@
 namespace dischive {
 namespace {
 
-std::string Version() {
-  return fmt::format("{}.{}", GetLibraryVersion().major, GetLibraryVersion().minor);
-}
-
 TEST(FreedbQueryTest, BuildsQueryAndReadStrings) {
-  DiscToc toc;
-  toc.disc_id = 0x0a0b0c03;
-  toc.track_count = 3;
-  toc.frame_offsets = {150, 20000, 40000};
-  toc.disc_length_seconds = 900;
-  EXPECT_EQ(BuildQueryRequest(toc, "me@example.org"),
-            "?cmd=cddb+query+0a0b0c03+3+150+20000+40000+900&hello=me+example.org+DiscHive+" +
-                Version() + "&proto=5");
-  toc.alt_disc_id = 0xff;
-  EXPECT_EQ(BuildQueryRequest(toc, "nobody", 6),
-            "?cmd=cddb+query+000000ff+3+150+20000+40000+900&hello=nobody+nobody+DiscHive+" +
-                Version() + "&proto=6");
+  DiscToc toc{0x0a0b0c03, 0, 3, {150, 20000, 40000}, 900};
+  const std::string agent = "+DiscHive+" + AgentText().substr(9);
   EXPECT_EQ(
-      BuildReadRequest(0x1234, "rock", "a+b&c@x.org"),
-      "?cmd=cddb+read+rock+00001234&hello=a%2Bb%26c+x.org+DiscHive+" + Version() + "&proto=5");
+      BuildQueryRequest(toc, "me@example.org"),
+      "?cmd=cddb+query+0a0b0c03+3+150+20000+40000+900&hello=me+example.org" + agent + "&proto=5");
+  toc.alt_disc_id = 0xff;  // queried instead of the id
+  EXPECT_EQ(
+      BuildQueryRequest(toc, "nobody", 6),
+      "?cmd=cddb+query+000000ff+3+150+20000+40000+900&hello=nobody+nobody" + agent + "&proto=6");
+  EXPECT_EQ(BuildReadRequest(0x1234, "rock", "a+b&c@x.org"),
+            "?cmd=cddb+read+rock+00001234&hello=a%2Bb%26c+x.org" + agent + "&proto=5");
 }
 
 TEST(FreedbQueryTest, ParsesMatchLines) {
