@@ -43,6 +43,8 @@ class CddbpTest : public ::testing::Test {
   std::vector<std::unique_ptr<LookupHarness>> harnesses;
 };
 
+// Four discs: a choice among inexact matches, a name match the host already
+// knows, an exact match and no match; both transports give the same results.
 TEST_F(CddbpTest, SameMetadataAsOverHttp) {
   const std::vector<DiscToc> tocs = {MakeToc(0x1000a002, 2), MakeToc(0x2000b002, 2),
                                      MakeToc(0x0a0b0c03, 3), MakeToc(0x0dead001, 1)};
@@ -53,8 +55,13 @@ TEST_F(CddbpTest, SameMetadataAsOverHttp) {
     h->discs[1].metadata.SetText(field::kArtist, 0, "The Band");
     h->discs[1].metadata.SetText(field::kTitle, 0, "Second");
     h->request.match_by_name = true;
-    h->choose = [](MatchChoice& c) { return c.chosen = 1, intptr_t{1}; };
+    h->choose = [](MatchChoice& c) {
+      EXPECT_EQ(c.chosen, 0xFFFFFFFFu);
+      c.chosen = 1;
+      return intptr_t{1};
+    };
   }
+  settings.SetInt("internet2", "cddb_proto", 6);
   ASSERT_EQ(over_http.Run([&](DiscLookupRequest& r) { return LookupDiscsFreedb(r, settings); }),
             kOk);
   ASSERT_EQ(over_socket.Run([&](DiscLookupRequest& r) { return LookupDiscsCddbp(r, settings); }),
@@ -63,16 +70,31 @@ TEST_F(CddbpTest, SameMetadataAsOverHttp) {
     EXPECT_EQ(over_socket.discs[i].result, over_http.discs[i].result) << i;
     EXPECT_EQ(over_socket.discs[i].metadata, over_http.discs[i].metadata) << i;
   }
-  EXPECT_EQ(over_socket.discs[0].metadata.Text(field::kArtist, 0), "Other");  // chosen 2nd
-  EXPECT_EQ(over_socket.discs[1].metadata.Text(field::kTrackTitle, 2), "S2");
-  EXPECT_EQ(over_socket.discs[3].result, kNoFreedbMatch);
+  for (const std::string& r : http.requests())
+    EXPECT_NE(r.find("&proto=6"), std::string::npos) << r;
+  ASSERT_EQ(over_http.choices_seen.size(), 1u);  // only the first disc asked
+  EXPECT_EQ(over_http.choices_seen[0][0], (FreedbMatch{0x1000a002, "Zoë", "Cantar", "misc"}));
   EXPECT_EQ(over_socket.choices_seen, over_http.choices_seen);
+  EXPECT_EQ(over_http.discs[0].result, kOk);
+  EXPECT_EQ(over_http.discs[0].metadata.Text(field::kArtist, 0), "Other");  // chosen 2nd
+  EXPECT_EQ(over_http.discs[0].metadata.Text(field::kTrackTitle, 2), "Y");
+  // The caller's spelling is kept; the tracks come from the entry.
+  EXPECT_EQ(over_http.discs[1].metadata.Text(field::kArtist, 0), "The Band");
+  EXPECT_EQ(over_http.discs[1].metadata.Text(field::kTitle, 0), "Second");
+  EXPECT_EQ(over_http.discs[1].metadata.Text(field::kTrackTitle, 2), "S2");
+  EXPECT_EQ(over_http.discs[3].result, kNoFreedbMatch);
   EXPECT_EQ(server.connections(), 1);
-  // Progress: connecting, connected, one per disc (index | count << 16), closing.
-  std::vector<uintptr_t> params;
-  for (const auto& p : over_socket.progress)
-    params.push_back(p.first);
-  EXPECT_EQ(params, (std::vector<uintptr_t>{0, 0, 0x40000, 0x40001, 0x40002, 0x40003, 0}));
+  // Progress: per disc (index | count << 16); the socket adds connecting,
+  // connected and closing.
+  const auto params = [](const LookupHarness& h) {
+    std::vector<uintptr_t> out;
+    for (const auto& p : h.progress)
+      out.push_back(p.first);
+    return out;
+  };
+  EXPECT_EQ(params(over_http), (std::vector<uintptr_t>{0, 0x40000, 0x40001, 0x40002, 0x40003}));
+  EXPECT_EQ(params(over_socket),
+            (std::vector<uintptr_t>{0, 0, 0x40000, 0x40001, 0x40002, 0x40003, 0}));
   EXPECT_EQ(over_socket.progress[0].second, "Connecting to 127.0.0.1...");
 }
 

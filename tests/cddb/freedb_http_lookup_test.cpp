@@ -59,41 +59,6 @@ TEST_F(FreedbHttpLookupTest, ExactMatchSendsExactRequestsAndFillsMetadata) {
   EXPECT_EQ(harness.progress[1], std::make_pair(uintptr_t{0}, LoadHostString(5091)));
 }
 
-TEST_F(FreedbHttpLookupTest, SeveralDiscsWithChoiceNameMatchAndNoMatch) {
-  harness.AddDisc(MakeToc(0x1000a002, 2));
-  harness.AddDisc(MakeToc(0x2000b002, 2));
-  harness.AddDisc(MakeToc(0x0dead001, 1));
-  // The host already knows disc 2's artist and title.
-  harness.discs[1].metadata.SetText(field::kArtist, 0, "The Band");
-  harness.discs[1].metadata.SetText(field::kTitle, 0, "Second");
-  harness.request.match_by_name = true;
-  harness.choose = [](MatchChoice& c) {
-    EXPECT_EQ(c.chosen, 0xFFFFFFFFu);
-    c.chosen = 0;
-    return intptr_t{1};
-  };
-  settings.SetInt("internet2", "cddb_proto", 6);
-  ASSERT_EQ(Lookup(harness), kOk);
-
-  ASSERT_EQ(harness.choices_seen.size(), 1u);  // only the first disc asked
-  EXPECT_EQ(harness.choices_seen[0][0], (FreedbMatch{0x1000a002, "Zoë", "Cantar", "misc"}));
-  EXPECT_EQ(harness.discs[0].result, kOk);
-  EXPECT_EQ(harness.discs[0].metadata.Text(field::kArtist, 0), "Zoë");
-  EXPECT_EQ(harness.discs[0].metadata.Text(field::kTrackTitle, 1), "Ä");
-  EXPECT_EQ(harness.discs[1].result, kOk);
-  // The caller's spelling is kept; the tracks come from the entry.
-  EXPECT_EQ(harness.discs[1].metadata.Text(field::kArtist, 0), "The Band");
-  EXPECT_EQ(harness.discs[1].metadata.Text(field::kTitle, 0), "Second");
-  EXPECT_EQ(harness.discs[1].metadata.Text(field::kTrackTitle, 2), "S2");
-  EXPECT_EQ(harness.discs[2].result, kNoFreedbMatch);
-  std::vector<uintptr_t> params;
-  for (const auto& p : harness.progress)
-    params.push_back(p.first);
-  EXPECT_EQ(params, (std::vector<uintptr_t>{0, 0x30000, 0x30001, 0x30002}));
-  for (const std::string& r : server.requests())
-    EXPECT_NE(r.find("&proto=6"), std::string::npos);
-}
-
 TEST_F(FreedbHttpLookupTest, Latin1AnswersAtLevelFiveBecomeUtf8) {
   harness.AddDisc(MakeToc(0x1000a002, 2));
   server.SetLineEnd("\r\n");

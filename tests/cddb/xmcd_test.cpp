@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <tuple>
 
 #include "dischive/cddb.h"
 #include "dischive/strings.h"
@@ -61,31 +62,26 @@ TEST(XmcdReaderTest, UnescapesAndSplits) {
 }
 
 TEST(XmcdReaderTest, DiscNumberSuffix) {
-  struct Case {
-    const char* in;
-    bool found;
-    int number;
-    const char* out;
-  } const cases[] = {{"Greatest Hits 2", true, 2, "Greatest Hits"},
-                     {"Live - 256", true, 256, "Live -"},
-                     {"Live-12", true, 12, "Live"},
-                     {"Live 300", false, 0, "Live 300"},
-                     {"Live 0", false, 0, "Live 0"},
-                     {"Year 0000000000000000000007", false, 0, "Year 0000000000000000000007"},
-                     {"Disc two", true, 2, "Disc"},
-                     {"Disc (TWELVE", true, 12, "Disc ("},
-                     {"Bone", false, 0, "Bone"},
-                     {"one", false, 0, "one"},
-                     {"Disc eleven", true, 11, "Disc"},
-                     {"Plain", false, 0, "Plain"}};
-  for (const Case& c : cases) {
-    std::string title = c.in;
+  const std::tuple<const char*, int, const char*> found[] = {
+      {"Greatest Hits 2", 2, "Greatest Hits"},
+      {"Live - 256", 256, "Live -"},
+      {"Live-12", 12, "Live"},
+      {"Disc two", 2, "Disc"},
+      {"Disc (TWELVE", 12, "Disc ("},
+      {"Disc eleven", 11, "Disc"}};
+  for (const auto& [in, expected, out] : found) {
+    std::string title = in;
     int number = -1;
-    EXPECT_EQ(ParseDiscNumberSuffix(title, number), c.found) << c.in;
-    EXPECT_EQ(title, c.out) << c.in;
-    if (c.found) {
-      EXPECT_EQ(number, c.number) << c.in;
-    }
+    EXPECT_TRUE(ParseDiscNumberSuffix(title, number)) << in;
+    EXPECT_EQ(title, out);
+    EXPECT_EQ(number, expected) << in;
+  }
+  for (const char* in :
+       {"Live 300", "Live 0", "Year 0000000000000000000007", "Bone", "one", "Plain"}) {
+    std::string title = in;
+    int number = -1;
+    EXPECT_FALSE(ParseDiscNumberSuffix(title, number)) << in;
+    EXPECT_EQ(title, in);
   }
 }
 
