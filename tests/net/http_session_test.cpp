@@ -27,12 +27,12 @@ class HttpSessionTest : public ::testing::Test {
  protected:
   void SetUp() override {
     auto& s = server_.server();
-    s.Get("/empty", [](const httplib::Request&, httplib::Response& res) {
-      res.set_content("", "text/plain");
-    });
-    s.Get("/big", [this](const httplib::Request&, httplib::Response& res) {
-      res.set_content(big_, "application/octet-stream");
-    });
+    const std::pair<const char*, const std::string*> fixed[] = {
+        {"/empty", &empty_}, {"/big", &big_}, {"/text", &text_}};
+    for (const auto& [path, body] : fixed)
+      s.Get(path, [content = body](const httplib::Request&, httplib::Response& res) {
+        res.set_content(*content, "text/plain");
+      });
     s.Get("/(moved|found)", [](const httplib::Request& req, httplib::Response& res) {
       const bool moved = req.matches[1] == "moved";
       res.status = moved ? 301 : 302;
@@ -54,9 +54,6 @@ class HttpSessionTest : public ::testing::Test {
       for (const char* name : {"User-Agent", "X-One", "Accept", "Via"})
         echo += req.get_header_value(name) + "|";
       res.set_content(echo + std::to_string(req.remote_port), "text/plain");
-    });
-    s.Get("/text", [this](const httplib::Request&, httplib::Response& res) {
-      res.set_content(text_, "text/plain");
     });
     s.Post("/echo", [](const httplib::Request& req, httplib::Response& res) {
       res.set_content(req.body + "|" + req.get_header_value("Content-Type"), "text/plain");
@@ -118,7 +115,7 @@ class HttpSessionTest : public ::testing::Test {
     return r;
   }
 
-  const std::string big_ = PatternBytes(10u << 20);
+  const std::string empty_, big_ = PatternBytes(10u << 20);
   const std::string text_ = [] {
     std::string t;
     for (int i = 0; i < 2000; ++i)
