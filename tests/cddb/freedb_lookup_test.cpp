@@ -4,6 +4,7 @@
 #include <regex>
 
 #include "cddb/cddbp.h"
+#include "dischive/strings.h"
 #include "dischive/version.h"
 #include "support/fake_freedb.h"
 #include "support/lookup_harness.h"
@@ -13,9 +14,9 @@ namespace {
 
 using Action = FakeCddbpServer::Action;
 
-class CddbpTest : public ::testing::Test {
+class FreedbLookupTest : public ::testing::Test {
  protected:
-  CddbpTest() {
+  FreedbLookupTest() {
     AddSampleDiscs(*db);
     settings.SetString("internet2", "cddb_server", "127.0.0.1");
     settings.SetInt("internet2", "cddb_port", server.port());
@@ -35,17 +36,30 @@ class CddbpTest : public ::testing::Test {
         kOk);
     return h;
   }
+  HResult LookupHttp(LookupHarness& h) {
+    return h.Run([this](DiscLookupRequest& r) { return LookupDiscsFreedb(r, settings); });
+  }
+  // Looks up two copies of disc 0a0b0c03 over HTTP; both get the same result.
+  HResult LookupTwiceOverHttp() {
+    LookupHarness h;
+    h.AddDisc(MakeToc(0x0a0b0c03, 3));
+    h.AddDisc(MakeToc(0x0a0b0c03, 3));
+    EXPECT_EQ(LookupHttp(h), kOk);
+    EXPECT_EQ(h.discs[1].result, h.discs[0].result);
+    return h.discs[0].result;
+  }
 
   std::shared_ptr<FakeFreedbDatabase> db = std::make_shared<FakeFreedbDatabase>();
   FakeCddbpServer server{db};
   FakeFreedbHttpServer http{db};
   MemorySettingsStore settings;
   std::vector<std::unique_ptr<LookupHarness>> harnesses;
+  LookupHarness harness;
 };
 
 // Four discs: a choice among inexact matches, a name match the host already
 // knows, an exact match and no match; both transports give the same results.
-TEST_F(CddbpTest, SameMetadataAsOverHttp) {
+TEST_F(FreedbLookupTest, SameMetadataAsOverHttp) {
   const std::vector<DiscToc> tocs = {MakeToc(0x1000a002, 2), MakeToc(0x2000b002, 2),
                                      MakeToc(0x0a0b0c03, 3), MakeToc(0x0dead001, 1)};
   LookupHarness over_http, over_socket;
@@ -98,7 +112,113 @@ TEST_F(CddbpTest, SameMetadataAsOverHttp) {
   EXPECT_EQ(over_socket.progress[0].second, "Connecting to 127.0.0.1...");
 }
 
-TEST_F(CddbpTest, TranscriptMatchesTheExchange) {
+TEST_F(FreedbLookupTest, Http ExactMatchSendsExactRequestsAndFillsMetadata) {
+  settings.SetString("internet2", "email_address", "me+tag@example.org");
+  harness.AddDisc(MakeToc(0x0a0b0c03, 3));
+  ASSERT_EQ(LookupHttp(harness), kOk);
+  ASSERT_EQ(harness.discs[0].result, kOk);
+  const DiscMetadata& m = harness.discs[0].metadata;
+  EXPECT_EQ(m.Text(field::kArtist, 0), "The Band");
+  EXPECT_EQ(m.Text(field::kTrackTitle, 3), "Three");
+  EXPECT_EQ(m.Text(field::kCategory, 0), "rock");
+  EXPECT_EQ(m.Int(field::kRevision, 0), 3);
+  const std::string hello =
+      "&hello=me%2Btag+example.org+DiscHive+" + AgentText().substr(9) + "&proto=5";
+  EXPECT_EQ(http.requests(),
+            (std::vector<std::string>{
+                "/~cddb/cddb.cgi?cmd=cddb+query+0a0b0c03+3+150+15150+30150+602" + hello,
+                "/~cddb/cddb.cgi?cmd=cddb+read+rock+0a0b0c03" + hello}));
+  EXPECT_TRUE(harness.choices_seen.empty());
+  // One disc: progress carries no index.
+  ASSERT_EQ(harness.progress.size(), 2u);
+  EXPECT_EQ(harness.progress[0], std::make_pair(uintptr_t{0}, LoadHostString(5087)));
+  EXPECT_EQ(harness.progress[1], std::make_pair(uintptr_t{0}, LoadHostString(5091)));
+}
+
+TEST_F(FreedbLookupTest, Http Latin1AnswersAtLevelFiveBecomeUtf8) {
+  harness.AddDisc(MakeToc(0x1000a002, 2));
+  http.SetLineEnd("\r\n");
+  ASSERT_EQ(LookupHttp(harness), kOk);
+  EXPECT_EQ(harness.discs[0].metadata.Text(field::kArtist, 0), "Zoë");
+  EXPECT_EQ(harness.discs[0].metadata.Text(field::kTrackTitle, 1), "Ä");
+}
+
+TEST_F(FreedbLookupTest, Http CancelInvalidChoiceAndAbandon) {
+  harness.AddDisc(MakeToc(0x1000a002, 2));
+  harness.AddDisc(MakeToc(0x1000a002, 2));
+  int asked = 0;
+  harness.choose = [&](MatchChoice& c) {
+    if (++asked == 1) return intptr_t{0};  // cancel the first
+    c.chosen = c.count;                    // out of range for the second
+    return intptr_t{1};
+  };
+  ASSERT_EQ(LookupHttp(harness), kOk);
+  EXPECT_EQ(harness.discs[0].result, kAborted);
+  EXPECT_EQ(harness.discs[1].result, kFreedbServiceError);
+  EXPECT_EQ(http.requests().size(), 2u);  // two queries, no read
+
+  // The host abandons the request while it is asked to choose: nothing more
+  // is sent and no record is touched.
+  LookupHarness second;
+  second.AddDisc(MakeToc(0x1000a002, 2));
+  second.AddDisc(MakeToc(0x0a0b0c03, 3));
+  second.choose = [&](MatchChoice& c) {
+    second.Abandon();
+    c.chosen = 0;
+    return intptr_t{1};
+  };
+  EXPECT_EQ(LookupHttp(second), kAborted);
+  EXPECT_EQ(http.requests().size(), 3u);
+  EXPECT_EQ(second.discs[0].result, kOk);
+  EXPECT_TRUE(second.discs[0].metadata.entries().empty());
+}
+
+TEST_F(FreedbLookupTest, HttpBadAnswersAndTransportFailures) {
+  std::string list300 = "211 Found inexact matches\n";
+  for (int i = 0; i < 300; ++i)
+    list300 += fmt::format("rock {:08x} A / B\n", i);
+  list300 += ".\n";
+  // Canned answers to the query and the read (empty: the database answers).
+  const auto answer = [this](std::string query, std::string read) {
+    return [this, query, read] {
+      http.SetOverride([query, read](const std::string& cmd) -> std::optional<std::string> {
+        const std::string& canned = cmd.rfind("cddb query", 0) == 0 ? query : read;
+        if (canned.empty()) return std::nullopt;
+        return canned;
+      });
+    };
+  };
+  const auto url = [this](const char* address) {
+    return [this, address] { settings.SetString("internet2", "acquire_url", address); };
+  };
+  struct Case {
+    const char* name;
+    std::function<void()> setup;
+    HResult expected;
+  } const cases[] = {
+      {"202", answer("202 No match for disc ID 0a0b0c03.\n", ""), kNoFreedbMatch},
+      {"403", answer("403 Database entry is corrupt.\n", ""), kFreedbServiceError},
+      {"empty list", answer("210 Found exact matches\n.\n", ""), kFreedbServiceError},
+      {"300 matches", answer(list300, ""), kTooManyMatches},
+      {"bad match line", answer("211 list\nrock zz A / B\n.\n", ""), kFreedbServiceError},
+      {"read 401", answer("", "401 rock 0a0b0c03 No such CD entry in database.\n"),
+       kFreedbServiceError},
+      {"read without end", answer("", "210 rock 0a0b0c03 entry\nDTITLE=A / B\n"),
+       kFreedbServiceError},
+      {"read bad line", answer("", "210 rock 0a0b0c03 entry\nJUNK\n.\n"), kFreedbServiceError},
+      {"read ok", answer("", "210 rock 0a0b0c03 entry\nDTITLE=A / B\n.\n"), kOk},
+      {"status 500", [this] { http.SetStatus(500); }, kHttpStatusNotOk},
+      {"not http", url("ftp://x/cddb"), kNotHttpAddress},
+      {"bad port", url("http://x:99999/"), kNotHttpAddress},
+      {"server down", url("http://127.0.0.1:1/~cddb/cddb.cgi"), 12029u},
+  };
+  for (const Case& c : cases) {
+    c.setup();
+    EXPECT_EQ(LookupTwiceOverHttp(), c.expected) << c.name;
+  }
+}
+
+TEST_F(FreedbLookupTest, TranscriptMatchesTheExchange) {
   std::string transcript;
   ASSERT_EQ(Run({MakeToc(0x0a0b0c03, 3)}, &transcript).discs[0].result, kOk);
   const std::string agent = AgentText();
@@ -120,7 +240,7 @@ TEST_F(CddbpTest, TranscriptMatchesTheExchange) {
           entry + ".\r\n>| quit\r\n");
 }
 
-TEST_F(CddbpTest, RefusalsAndMalformedAnswers) {
+TEST_F(FreedbLookupTest, RefusalsAndMalformedAnswers) {
   struct Case {
     const char* command;  // the override answers lines starting with it
     std::string reply;
@@ -157,7 +277,7 @@ TEST_F(CddbpTest, RefusalsAndMalformedAnswers) {
   EXPECT_EQ(Run({MakeToc(0x0a0b0c03, 3)}).discs[0].result, kCddbpConnectRefused);
 }
 
-TEST_F(CddbpTest, CutEntryFailsAndTheNextDiscReconnects) {
+TEST_F(FreedbLookupTest, CutEntryFailsAndTheNextDiscReconnects) {
   std::string huge = "# Revision: 1\n";
   for (int i = 0; huge.size() < 40000; ++i)
     huge += fmt::format("EXTD=line {} of padding\n", i);
@@ -170,14 +290,14 @@ TEST_F(CddbpTest, CutEntryFailsAndTheNextDiscReconnects) {
   EXPECT_EQ(server.connections() - before, 2);
 }
 
-TEST_F(CddbpTest, ConnectionRefusedFailsEveryDisc) {
+TEST_F(FreedbLookupTest, ConnectionRefusedFailsEveryDisc) {
   settings.SetInt("internet2", "cddb_port", 1);
   const LookupHarness& h = Run({MakeToc(0x0a0b0c03, 3), MakeToc(0x0a0b0c03, 3)});
   EXPECT_EQ(h.discs[0].result, 10061u);
   EXPECT_EQ(h.discs[1].result, 10061u);
 }
 
-TEST_F(CddbpTest, SkippingALineStopsWhenTheServerCloses) {
+TEST_F(FreedbLookupTest, SkippingALineStopsWhenTheServerCloses) {
   // A refusing banner whose line never ends before the server hangs up: the
   // skip loop must end with an error instead of receiving nothing forever.
   server.SetBanner("432 banner without end");
