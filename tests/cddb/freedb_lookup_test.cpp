@@ -112,7 +112,7 @@ TEST_F(FreedbLookupTest, SameMetadataAsOverHttp) {
   EXPECT_EQ(over_socket.progress[0].second, "Connecting to 127.0.0.1...");
 }
 
-TEST_F(FreedbLookupTest, Http ExactMatchSendsExactRequestsAndFillsMetadata) {
+TEST_F(FreedbLookupTest, HttpExactMatchSendsExactRequestsAndFillsMetadata) {
   settings.SetString("internet2", "email_address", "me+tag@example.org");
   harness.AddDisc(MakeToc(0x0a0b0c03, 3));
   ASSERT_EQ(LookupHttp(harness), kOk);
@@ -135,7 +135,7 @@ TEST_F(FreedbLookupTest, Http ExactMatchSendsExactRequestsAndFillsMetadata) {
   EXPECT_EQ(harness.progress[1], std::make_pair(uintptr_t{0}, LoadHostString(5091)));
 }
 
-TEST_F(FreedbLookupTest, Http Latin1AnswersAtLevelFiveBecomeUtf8) {
+TEST_F(FreedbLookupTest, HttpLatin1AnswersAtLevelFiveBecomeUtf8) {
   harness.AddDisc(MakeToc(0x1000a002, 2));
   http.SetLineEnd("\r\n");
   ASSERT_EQ(LookupHttp(harness), kOk);
@@ -143,7 +143,7 @@ TEST_F(FreedbLookupTest, Http Latin1AnswersAtLevelFiveBecomeUtf8) {
   EXPECT_EQ(harness.discs[0].metadata.Text(field::kTrackTitle, 1), "Ä");
 }
 
-TEST_F(FreedbLookupTest, Http CancelInvalidChoiceAndAbandon) {
+TEST_F(FreedbLookupTest, HttpCancelInvalidChoiceAndAbandon) {
   harness.AddDisc(MakeToc(0x1000a002, 2));
   harness.AddDisc(MakeToc(0x1000a002, 2));
   int asked = 0;
