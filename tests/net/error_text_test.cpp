@@ -56,16 +56,16 @@ TEST(ErrorTextTest, CurlFailuresBecomeWinInetNumbers) {
     long os_errno;
     HResult expected;
   };
+  // Verify results: 10 expired, 0 and 62 the name check, 20 an unknown issuer.
   const Case cases[] = {
       {CURLE_OK, 0, 0, 0},
       {CURLE_RECV_ERROR, 0, ECONNRESET, 12031},
       {CURLE_RECV_ERROR, 0, EPIPE, 12030},
-      {CURLE_PEER_FAILED_VERIFICATION, 10, 0, 12037},  // expired
-      {CURLE_PEER_FAILED_VERIFICATION, 0, 0, 12038},   // name check
+      {CURLE_PEER_FAILED_VERIFICATION, 10, 0, 12037},
+      {CURLE_PEER_FAILED_VERIFICATION, 0, 0, 12038},
       {CURLE_PEER_FAILED_VERIFICATION, 62, 0, 12038},
-      {CURLE_PEER_FAILED_VERIFICATION, 20, 0, 12045},  // unknown issuer
-      {CURLE_SSL_CACERT_BADFILE, 0, 0, kCurlErrorBase + CURLE_SSL_CACERT_BADFILE},
-  };
+      {CURLE_PEER_FAILED_VERIFICATION, 20, 0, 12045},
+      {CURLE_SSL_CACERT_BADFILE, 0, 0, kCurlErrorBase + CURLE_SSL_CACERT_BADFILE}};
   for (const Case& c : cases) {
     const HResult error = net::TransportErrorFromCurl({c.code, c.verify, c.os_errno});
     EXPECT_EQ(error, c.expected) << c.code << " " << c.verify;
