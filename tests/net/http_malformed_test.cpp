@@ -44,14 +44,10 @@ HResult Exchange(const std::string& reply, HttpRequest& r) {
   return result.get();
 }
 
-std::string ManyHeaderLines(int count) {
-  std::string lines;
-  for (int i = 0; i < count; ++i)
-    lines += "X-Line-" + std::to_string(i) + ": value\r\n";
-  return lines;
-}
-
 TEST(HttpMalformedTest, BadRepliesGiveCodesAndKeepPartialBodies) {
+  std::string endless = "HTTP/1.1 200 OK\r\n";
+  for (int i = 0; i < 60000; ++i)
+    endless += "X-Line-" + std::to_string(i) + ": value\r\n";
   struct Case {
     const char* name;
     std::string reply;
@@ -71,7 +67,7 @@ TEST(HttpMalformedTest, BadRepliesGiveCodesAndKeepPartialBodies) {
       {"bare LF", "HTTP/1.1 200 OK\nContent-Length: 2\n\nok", 0, 200, "ok"},
       {"huge header", "HTTP/1.1 200 OK\r\nX-Big: " + std::string(3 << 20, 'a') + "\r\n\r\n", 12152,
        0, ""},
-      {"endless headers", "HTTP/1.1 200 OK\r\n" + ManyHeaderLines(60000), 12152, 0, ""},
+      {"endless headers", endless, 12152, 0, ""},
   };
   for (const Case& c : cases) {
     HttpRequest r;

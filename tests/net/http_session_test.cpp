@@ -59,21 +59,16 @@ class HttpSessionTest : public ::testing::Test {
       res.set_content(req.body + "|" + req.get_header_value("Content-Type"), "text/plain");
     });
     s.Get("/cut", [](const httplib::Request&, httplib::Response& res) {
-      res.set_content_provider(100000, "application/octet-stream",
-                               [](size_t offset, size_t, httplib::DataSink& sink) {
-                                 if (offset >= 3000) return false;  // drop the connection
-                                 sink.write(std::string(1000, 'x').data(), 1000);
-                                 return true;
-                               });
+      res.set_content_provider(
+          100000, "application/octet-stream", [](size_t offset, size_t, httplib::DataSink& sink) {
+            // At 3000 bytes the connection drops.
+            return offset < 3000 && sink.write(std::string(1000, 'x').data(), 1000);
+          });
     });
     s.Get("/chunked", [](const httplib::Request&, httplib::Response& res) {
       res.set_chunked_content_provider("text/plain", [](size_t offset, httplib::DataSink& sink) {
-        if (offset >= 3000) {
-          sink.done();
-        } else {
-          sink.write(std::string(1000, 'x').data(), 1000);
-        }
-        return true;
+        if (offset >= 3000) return sink.done(), true;
+        return sink.write(std::string(1000, 'x').data(), 1000);
       });
     });
     s.Get("/trickle", [](const httplib::Request&, httplib::Response& res) {
