@@ -12,15 +12,14 @@ TEST(CatalogSaveTest, WritesLookedUpDiscAndMergesOnSecondSave) {
   TempDir dir;
   DiscToc toc = MakeToc(0x0a0b0c03, 3);  // 150, 15150, 30150; 602 s
   DiscMetadata m;
-  ApplyXmcdToMetadata(m,
-                      {{"DTITLE", "Various / Hits"},
-                       {"TTITLE0", "Singer / Song"},
-                       {"TTITLE1", "Two"},
-                       {"TTITLE2", "Three"},
-                       {"DYEAR", "1999"},
-                       {"DGENRE", "Pop"},
-                       {"Revision", "4"}},
-                      "rock", 3);
+  const XmcdKeywordMap entry = {{"DTITLE", "Various / Hits"},
+                                {"TTITLE0", "Singer / Song"},
+                                {"TTITLE1", "Two"},
+                                {"TTITLE2", "Three"},
+                                {"DYEAR", "1999"},
+                                {"DGENRE", "Pop"},
+                                {"Revision", "4"}};
+  ApplyXmcdToMetadata(m, entry, "rock", 3);
   std::string first_id;
   {
     auto catalog = OpenSqliteCatalog(dir / "c.dab", CatalogOpenMode::kCreate);

@@ -13,7 +13,7 @@ TEST(TocInputTest, ReadsDiscIdLinesAndCueSheets) {
       "199785 218482 3053\n",
       &error, &stated);
   ASSERT_TRUE(toc) << error;
-  EXPECT_EQ(toc->disc_id, 0xa20b250du);
+  EXPECT_EQ(toc->disc_id, 0xa20b250du);  // computed: cd-discid's documented sample
   EXPECT_EQ(stated, 0xa20b250du);
   EXPECT_EQ(toc->track_count, 13u);
   EXPECT_EQ(toc->frame_offsets[12], 218482u);

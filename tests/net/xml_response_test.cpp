@@ -72,20 +72,11 @@ TEST(XmlResponseTest, DeclaredEncodingDecidesAndCodePageConverts) {
 }
 
 TEST(XmlResponseTest, BadInputGivesCodes) {
-  struct Case {
-    std::string body;
-    HResult expected;
-  };
-  const Case cases[] = {
-      {"", kFail},
-      {"<a><b></a>", kFail},
-      {"not xml at all", kFail},
-      {"<a>\xFF\xFE</a>", kFail},  // not UTF-8, nothing declared
-  };
   XmlResponseReader reader;
-  for (const Case& c : cases) {
+  // Empty, unbalanced, not XML, not UTF-8 with nothing declared.
+  for (const std::string body : {"", "<a><b></a>", "not xml at all", "<a>\xFF\xFE</a>"}) {
     XmlDocument doc;
-    EXPECT_EQ(reader.LoadXmlResponse(c.body, doc), c.expected) << c.body;
+    EXPECT_EQ(reader.LoadXmlResponse(body, doc), kFail) << body;
     EXPECT_FALSE(doc);
     EXPECT_FALSE(reader.last_error().empty());
   }
