@@ -205,6 +205,11 @@ struct FreedbHello {
 };
 FreedbHello SplitHelloAddress(std::string_view email_address);
 
+/// The arguments of a query for a disc: the disc id ("%08lx"; the alternative
+/// id when set), the track count, each track's offset and the disc length in
+/// seconds, joined by `separator` (' ' on a socket, '+' in a URL).
+std::string FormatQueryArguments(const DiscToc& toc, char separator);
+
 /// "?cmd=cddb+query+..." for a disc.
 std::string BuildQueryRequest(const DiscToc& toc, std::string_view email_address,
                               int proto = kDefaultFreedbProto);

@@ -77,14 +77,7 @@ void CddbpConnection::SetProto(int level) {
 
 int CddbpConnection::Query(const DiscToc& toc, std::vector<FreedbMatch>& matches, size_t capacity) {
   matches.clear();
-  const uint32_t id = toc.alt_disc_id != 0 ? toc.alt_disc_id : toc.disc_id;
-  const uint32_t tracks = toc.track_count < kMaxDiscTracks ? toc.track_count : kMaxDiscTracks;
-  std::string command =
-      fmt::sprintf("cddb query %08lx %d ", static_cast<unsigned long>(id), tracks);
-  for (uint32_t k = 0; k < tracks; ++k)
-    command += fmt::sprintf("%d ", toc.frame_offsets[k]);
-  command += fmt::sprintf("%d\n", toc.disc_length_seconds);
-  channel_.Send(command);
+  channel_.Send("cddb query " + FormatQueryArguments(toc, ' ') + "\n");
 
   const int code = ReadCode();
   if (code / 100 != 2) {

@@ -58,16 +58,19 @@ FreedbHello SplitHelloAddress(std::string_view email_address) {
   return {std::string(email_address.substr(0, at)), std::string(email_address.substr(at + 1))};
 }
 
-std::string BuildQueryRequest(const DiscToc& toc, std::string_view email_address, int proto) {
+std::string FormatQueryArguments(const DiscToc& toc, char separator) {
   const uint32_t id = toc.alt_disc_id != 0 ? toc.alt_disc_id : toc.disc_id;
   const uint32_t tracks = toc.track_count < kMaxDiscTracks ? toc.track_count : kMaxDiscTracks;
-  std::string out =
-      fmt::sprintf("?cmd=cddb+query+%08lx+%d+", static_cast<unsigned long>(id), tracks);
+  std::string out = fmt::sprintf("%08lx%c%d", static_cast<unsigned long>(id), separator, tracks);
   for (uint32_t k = 0; k < tracks; ++k)
-    out += fmt::sprintf("%d+", toc.frame_offsets[k]);
-  out += fmt::sprintf("%d&hello=%s&proto=%d", toc.disc_length_seconds,
-                      HelloText(email_address, proto), proto);
+    out += fmt::sprintf("%c%d", separator, toc.frame_offsets[k]);
+  out += fmt::sprintf("%c%d", separator, toc.disc_length_seconds);
   return out;
+}
+
+std::string BuildQueryRequest(const DiscToc& toc, std::string_view email_address, int proto) {
+  return "?cmd=cddb+query+" + FormatQueryArguments(toc, '+') +
+         fmt::sprintf("&hello=%s&proto=%d", HelloText(email_address, proto), proto);
 }
 
 std::string BuildReadRequest(uint32_t disc_id, std::string_view category,
