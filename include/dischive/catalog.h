@@ -76,6 +76,34 @@ struct VolumeRecord {
   bool operator==(const VolumeRecord&) const = default;
 };
 
+/// What a folder scan left on a volume: the folder it was made from
+/// (field::kScanFolder) and the three values that tell whether the folder has
+/// changed since (field::kScanStamp, kScanFlags, kScanValue3).
+struct VolumeScanState {
+  uint32_t record_id = 0;
+  std::string folder;  ///< empty for a volume not made by a scan
+  std::optional<uint32_t> stamp;
+  std::optional<uint32_t> flags;
+  std::optional<uint32_t> value3;
+  bool operator==(const VolumeScanState&) const = default;
+
+  /// The state as the volume's properties hold it.
+  static VolumeScanState Of(const VolumeRecord& volume) {
+    VolumeScanState state;
+    state.record_id = volume.record_id;
+    auto number = [&](field::FieldId id) -> std::optional<uint32_t> {
+      const PropertyValue* v = volume.properties.Find(id);
+      if (v == nullptr || !std::holds_alternative<int32_t>(*v)) return std::nullopt;
+      return static_cast<uint32_t>(std::get<int32_t>(*v));
+    };
+    state.folder = volume.properties.Text(field::kScanFolder);
+    state.stamp = number(field::kScanStamp);
+    state.flags = number(field::kScanFlags);
+    state.value3 = number(field::kScanValue3);
+    return state;
+  }
+};
+
 struct Credit {
   std::string name;
   std::string role;
@@ -192,6 +220,27 @@ class CatalogEngine {
   virtual std::optional<std::string> FindAlbumOfVolume(uint32_t record_id) = 0;
   /// One volume by its record id, with its tracks.
   virtual std::optional<VolumeRecord> ReadVolume(uint32_t record_id) = 0;
+  /// The scan state of one volume; nullopt when there is no such volume. The
+  /// default reads the volume; engines answer from their indexes.
+  virtual std::optional<VolumeScanState> ReadVolumeScanState(uint32_t record_id) {
+    const std::optional<VolumeRecord> volume = ReadVolume(record_id);
+    if (!volume) return std::nullopt;
+    return VolumeScanState::Of(*volume);
+  }
+  /// The scan states of every volume made by a folder scan (those with a
+  /// folder), so that a library scan can tell unchanged folders apart without
+  /// reading their albums. The default walks the catalogue.
+  virtual std::vector<VolumeScanState> ScannedVolumes() {
+    std::vector<VolumeScanState> states;
+    ForEachAlbum([&](const AlbumRecord& album) {
+      for (const VolumeRecord& v : album.volumes) {
+        VolumeScanState state = VolumeScanState::Of(v);
+        if (!state.folder.empty()) states.push_back(std::move(state));
+      }
+      return true;
+    });
+    return states;
+  }
   /// Creates (empty id: a new random identifier is assigned and written back)
   /// or updates an album with its volumes and tracks, in one transaction. A
   /// given identifier must be 16 hexadecimal digits (stored in upper case). The

@@ -39,7 +39,8 @@ using catalog::Transaction;
 
 // "DHAB" in the header's application-id field marks a DiscHive catalogue.
 constexpr int32_t kApplicationId = 0x44484142;
-constexpr int kSchemaVersion = 1;
+// 2: the volume index keeps each volume's scan state (see ScannedVolumes).
+constexpr int kSchemaVersion = 2;
 
 constexpr const char* kSchema = R"sql(
 CREATE TABLE albums(
@@ -50,7 +51,11 @@ CREATE TABLE albums(
 CREATE TABLE volumes(
   record_id INTEGER PRIMARY KEY,
   aid INTEGER NOT NULL,
-  track_count INTEGER NOT NULL DEFAULT 0);
+  track_count INTEGER NOT NULL DEFAULT 0,
+  scan_folder TEXT,
+  scan_stamp INTEGER,
+  scan_flags INTEGER,
+  scan_value3 INTEGER);
 CREATE TABLE covers(
   record_id INTEGER PRIMARY KEY REFERENCES volumes(record_id) ON DELETE CASCADE,
   bytes BLOB NOT NULL);
@@ -137,9 +142,15 @@ uint32_t U32(int64_t v) {
   return static_cast<uint32_t>(v);
 }
 
-// The prepared statements of one connection, compiled once.
+// The columns the volume index gained in schema 2.
+constexpr const char* kScanColumns[] = {"scan_folder TEXT", "scan_stamp INTEGER",
+                                        "scan_flags INTEGER", "scan_value3 INTEGER"};
+
+// The prepared statements of one connection, compiled once. A file of schema 1
+// opened by a reader (which cannot add the scan columns) gets the statements
+// that do without them.
 struct Statements {
-  explicit Statements(Connection& c)
+  Statements(Connection& c, bool scan_columns)
       : count_albums(c, "SELECT count(*) FROM albums"),
         album_row(c, "SELECT aid, id, modified, record FROM albums WHERE aid = ?1"),
         album_by_id(c, "SELECT aid, id, modified, record FROM albums WHERE id = ?1"),
@@ -152,9 +163,14 @@ struct Statements {
         id_exists(c, "SELECT 1 FROM albums WHERE id = ?1"),
         delete_album_by_id(c, "DELETE FROM albums WHERE id = ?1"),
         touch_album(c, "UPDATE albums SET modified = ?2 WHERE aid = ?1"),
-        write_volume(c,
-                     "INSERT INTO volumes(record_id, aid, track_count) VALUES(?1, ?2, ?3) "
-                     "ON CONFLICT(record_id) DO UPDATE SET track_count = excluded.track_count"),
+        write_volume(c, scan_columns
+                            ? "INSERT INTO volumes(record_id, aid, track_count, scan_folder, "
+                              "scan_stamp, scan_flags, scan_value3) VALUES(?1, ?2, ?3, ?4, ?5, "
+                              "?6, ?7) ON CONFLICT(record_id) DO UPDATE SET track_count = "
+                              "excluded.track_count, scan_folder = excluded.scan_folder, "
+                              "scan_stamp = excluded.scan_stamp, scan_flags = "
+                              "excluded.scan_flags, scan_value3 = excluded.scan_value3"
+                            : "SELECT ?1, ?2, ?3, ?4, ?5, ?6, ?7"),
         delete_volume(c, "DELETE FROM volumes WHERE record_id = ?1"),
         read_cover(c, "SELECT bytes FROM covers WHERE record_id = ?1"),
         write_cover(c, "INSERT OR REPLACE INTO covers(record_id, bytes) VALUES(?1, ?2)"),
@@ -177,13 +193,24 @@ struct Statements {
         delete_db_prop(c, "DELETE FROM db_props WHERE grp = ?1 AND key = ?2"),
         list_db_props(c, "SELECT key, value FROM db_props WHERE grp = ?1 ORDER BY key"),
         get_meta(c, "SELECT value FROM meta WHERE key = ?1"),
-        set_meta(c, "INSERT OR REPLACE INTO meta(key, value) VALUES(?1, ?2)") {}
+        set_meta(c, "INSERT OR REPLACE INTO meta(key, value) VALUES(?1, ?2)") {
+    if (scan_columns) {
+      scan_state.emplace(c,
+                         "SELECT record_id, scan_folder, scan_stamp, scan_flags, scan_value3 "
+                         "FROM volumes WHERE record_id = ?1");
+      scanned_volumes.emplace(c,
+                              "SELECT record_id, scan_folder, scan_stamp, scan_flags, "
+                              "scan_value3 FROM volumes WHERE scan_folder IS NOT NULL "
+                              "ORDER BY record_id");
+    }
+  }
 
   Statement count_albums, album_row, album_by_id, volume_album, album_id_of_volume, insert_album,
       update_album, id_exists, delete_album_by_id, touch_album, write_volume, delete_volume,
       read_cover, write_cover, delete_cover, list_artists, artist_alt_names, artist_links,
       delete_artist, insert_artist, insert_alt_name, insert_link, get_db_prop, set_db_prop,
       delete_db_prop, list_db_props, get_meta, set_meta;
+  std::optional<Statement> scan_state, scanned_volumes;
 };
 
 // An album identifier in its stored form (16 upper-case hexadecimal digits);
@@ -272,7 +299,11 @@ class SqliteCatalog final : public CatalogEngine {
                                path_.string(), schema);
         return kCatalogInvalid;
       }
-      st_ = std::make_unique<Statements>(db_);
+      if (schema < 2 && writable_) {
+        AddScanColumns();
+      } else {
+        st_ = std::make_unique<Statements>(db_, schema >= 2);
+      }
     } catch (const std::exception& e) {
       *message = path_.string() + " cannot be opened as a catalogue: " + e.what();
       return kCatalogInvalid;
@@ -380,6 +411,32 @@ class SqliteCatalog final : public CatalogEngine {
     return result;
   }
 
+  std::optional<VolumeScanState> ReadVolumeScanState(uint32_t record_id) override {
+    std::lock_guard lock(mutex_);
+    if (!st_->scan_state) return CatalogEngine::ReadVolumeScanState(record_id);
+    std::optional<VolumeScanState> result;
+    Guard([&] {
+      Statement& s = *st_->scan_state;
+      ResetGuard reset(s);
+      s.Bind(1, int64_t{record_id});
+      if (s.Step()) result = ScanStateRow(s);
+    });
+    return result;
+  }
+
+  std::vector<VolumeScanState> ScannedVolumes() override {
+    std::lock_guard lock(mutex_);
+    if (!st_->scanned_volumes) return CatalogEngine::ScannedVolumes();
+    std::vector<VolumeScanState> states;
+    Guard([&] {
+      Statement& s = *st_->scanned_volumes;
+      ResetGuard reset(s);
+      while (s.Step())
+        states.push_back(ScanStateRow(s));
+    });
+    return states;
+  }
+
   HResult WriteAlbum(AlbumRecord& album, WriteMode mode) override {
     std::unique_lock lock(mutex_);
     if (const HResult refused = CheckWritable(lock); refused != kOk) return refused;
@@ -439,12 +496,8 @@ class SqliteCatalog final : public CatalogEngine {
           st_->delete_volume.Bind(1, int64_t{rid}).Run();
         }
       }
-      for (const VolumeRecord& v : result.volumes) {
-        st_->write_volume.Bind(1, int64_t{v.record_id})
-            .Bind(2, *aid)
-            .Bind(3, static_cast<int64_t>(v.tracks.size()))
-            .Run();
-      }
+      for (const VolumeRecord& v : result.volumes)
+        WriteVolumeRow(v, *aid);
       transaction.Commit();
       album.id = id;
       album.modified = now;
@@ -915,6 +968,7 @@ class SqliteCatalog final : public CatalogEngine {
             .Bind(2, int64_t{Now()})
             .BindBlob(3, EncodeAlbum(album))
             .Run();
+        if (index == 0) WriteVolumeRow(*v, aid);
       }
       transaction.Commit();
     });
@@ -984,6 +1038,50 @@ class SqliteCatalog final : public CatalogEngine {
       for (const auto& [id, value] : t.properties.values())
         it->properties.Set(id, value);
     }
+  }
+
+  // A row of record_id, scan_folder, scan_stamp, scan_flags, scan_value3.
+  static VolumeScanState ScanStateRow(const Statement& s) {
+    VolumeScanState state;
+    state.record_id = U32(s.Int(0));
+    state.folder = s.Text(1);
+    std::optional<uint32_t>* values[] = {&state.stamp, &state.flags, &state.value3};
+    for (int i = 0; i < 3; ++i) {
+      if (s.Type(2 + i) != SQLITE_NULL) *values[i] = U32(s.Int(2 + i));
+    }
+    return state;
+  }
+
+  // The volume's row of the index: its album, track count and scan state.
+  void WriteVolumeRow(const VolumeRecord& v, int64_t aid) {
+    const VolumeScanState state = VolumeScanState::Of(v);
+    Statement& s = st_->write_volume;
+    s.Bind(1, int64_t{v.record_id}).Bind(2, aid).Bind(3, static_cast<int64_t>(v.tracks.size()));
+    if (!state.folder.empty()) s.Bind(4, state.folder);
+    int column = 5;
+    for (const std::optional<uint32_t>& value : {state.stamp, state.flags, state.value3}) {
+      if (value) s.Bind(column, int64_t{*value});
+      ++column;
+    }
+    s.Run();
+  }
+
+  // Brings a schema 1 file to schema 2: adds the scan columns to the volume
+  // index and fills them from the stored volumes, in one transaction.
+  void AddScanColumns() {
+    Transaction transaction(db_);
+    for (const char* column : kScanColumns)
+      db_.Exec(fmt::format("ALTER TABLE volumes ADD COLUMN {}", column).c_str());
+    st_ = std::make_unique<Statements>(db_, true);
+    Statement albums(db_, "SELECT aid, id, modified, record FROM albums ORDER BY aid");
+    while (albums.Step()) {
+      AlbumRecord album;
+      FillAlbum(albums, album);
+      for (const VolumeRecord& v : album.volumes)
+        WriteVolumeRow(v, albums.Int(0));
+    }
+    db_.Exec(fmt::format("PRAGMA user_version = {}", kSchemaVersion).c_str());
+    transaction.Commit();
   }
 
   void Touch(int64_t aid) { st_->touch_album.Bind(1, aid).Bind(2, int64_t{Now()}).Run(); }

@@ -63,6 +63,9 @@ int Connection::Open(const std::filesystem::path& path, int flags, std::string* 
 }
 
 void Connection::Close() noexcept {
+  for (auto& [sql, stmt] : cached_)
+    sqlite3_finalize(stmt);
+  cached_.clear();
   if (db_ != nullptr) {
     sqlite3_close_v2(db_);
     db_ = nullptr;
@@ -78,6 +81,23 @@ void Connection::Exec(const char* sql) {
     if (IsFatalSqliteCode(rc)) throw FatalDatabaseError(path_, text);
     throw SqlFailure(rc, text);
   }
+}
+
+void Connection::ExecCached(const char* sql) {
+  sqlite3_stmt* stmt = nullptr;
+  for (const auto& [text, cached] : cached_) {
+    if (text == sql) {
+      stmt = cached;
+      break;
+    }
+  }
+  if (stmt == nullptr) {
+    Check(sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &stmt, nullptr));
+    cached_.emplace_back(sql, stmt);
+  }
+  const int rc = sqlite3_step(stmt);
+  sqlite3_reset(stmt);
+  if (rc != SQLITE_DONE && rc != SQLITE_ROW) Throw(rc);
 }
 
 void Connection::Throw(int code) const {
@@ -149,7 +169,7 @@ std::string Statement::Blob(int column) const {
 }
 
 Transaction::Transaction(Connection& connection) : connection_(connection) {
-  connection_.Exec("SAVEPOINT write");
+  connection_.ExecCached("SAVEPOINT write");
 }
 
 Transaction::~Transaction() {
@@ -161,7 +181,7 @@ Transaction::~Transaction() {
 }
 
 void Transaction::Commit() {
-  connection_.Exec("RELEASE write");
+  connection_.ExecCached("RELEASE write");
   done_ = true;
 }
 

@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "dischive/result.h"
 
@@ -50,6 +51,10 @@ class Connection {
 
   /// Runs one or more statements without results.
   void Exec(const char* sql);
+  /// Runs one statement without results through a statement compiled on first
+  /// use and kept until Close: for the few statements every write runs
+  /// (savepoints), which would otherwise be parsed again each time.
+  void ExecCached(const char* sql);
   /// Throws FatalDatabaseError or SqlFailure for a failed SQLite code.
   [[noreturn]] void Throw(int code) const;
   /// Checks an SQLite code: SQLITE_OK passes, anything else throws.
@@ -60,6 +65,7 @@ class Connection {
  private:
   sqlite3* db_ = nullptr;
   std::string path_;
+  std::vector<std::pair<std::string, sqlite3_stmt*>> cached_;
 };
 
 class Statement {

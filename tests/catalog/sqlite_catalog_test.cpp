@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <ctime>
 #include <functional>
 #include <thread>
@@ -217,6 +218,83 @@ TEST(SqliteCatalogTest, SinglePropertiesAndCovers) {
   EXPECT_EQ(cat->WriteCover(0x12345602, ""), kOk);
   EXPECT_FALSE(cat->ReadCover(0x12345602));
   EXPECT_EQ(cat->WriteCover(0x5, jpeg), kCatalogNotFound);
+}
+
+std::vector<VolumeScanState> ByRecordId(std::vector<VolumeScanState> states) {
+  std::sort(states.begin(), states.end(),
+            [](const auto& x, const auto& y) { return x.record_id < y.record_id; });
+  return states;
+}
+
+TEST(SqliteCatalogTest, ScanStatesFollowEveryWriteAndOldFilesAreUpgraded) {
+  TempDir dir;
+  const std::filesystem::path path = dir / "c.dab";
+  auto scanned = [](const std::string& folder, uint32_t id, int32_t stamp) {
+    AlbumRecord a;
+    a.properties.Set(field::kTitle, folder);
+    VolumeRecord v;
+    v.record_id = id;
+    v.properties.Set(field::kScanFolder, "/music/" + folder);
+    v.properties.Set(field::kScanStamp, stamp);
+    v.properties.Set(field::kScanFlags, 153);
+    v.tracks = {Track(1, 100, "t")};
+    a.volumes = {v};
+    return a;
+  };
+  std::vector<VolumeScanState> expected;
+  {
+    auto cat = OpenSqliteCatalog(path, CatalogOpenMode::kCreate);
+    ASSERT_TRUE(cat);
+    AlbumRecord plain = SampleAlbum(), a = scanned("a", 0x0100AA66, -5), b = scanned("b", 7, 9);
+    ASSERT_EQ(cat->WriteAlbum(plain, WriteMode::kReplace), kOk);
+    ASSERT_EQ(cat->WriteAlbum(a, WriteMode::kReplace), kOk);
+    ASSERT_EQ(cat->WriteAlbum(b, WriteMode::kReplace), kOk);
+    ASSERT_EQ(cat->SetVolumeProperty(7, field::kScanValue3, 0, 0x01ABCDEF), kOk);
+    ASSERT_EQ(cat->RemoveVolumeProperty(0x0100AA66, field::kScanFlags, 0), kOk);
+    ASSERT_EQ(cat->SetVolumeProperty(0x12345602, field::kScanFolder, 0, "/music/c"), kOk);
+    b.volumes[0].properties.Set(field::kScanStamp, 10);
+    ASSERT_EQ(cat->WriteAlbum(b, WriteMode::kMerge), kOk);
+
+    // The index answers what a walk over the albums finds.
+    expected = ByRecordId(cat->CatalogEngine::ScannedVolumes());
+    ASSERT_EQ(expected.size(), 3u);
+    EXPECT_EQ(ByRecordId(cat->ScannedVolumes()), expected);
+    EXPECT_EQ(expected[0].folder, "/music/b");
+    EXPECT_EQ(expected[0].stamp, 10u);
+    EXPECT_EQ(expected[1].stamp, 0xFFFFFFFBu);
+    EXPECT_EQ(expected[1].flags, std::nullopt);
+    EXPECT_EQ(expected[2].folder, "/music/c");
+    EXPECT_EQ(cat->ReadVolumeScanState(7), expected[0]);
+    EXPECT_EQ(cat->ReadVolumeScanState(0x8A0B2D05)->folder, "");
+    EXPECT_EQ(cat->ReadVolumeScanState(0x5), std::nullopt);
+  }
+
+  // A file of the first schema, without the index's scan columns: a reader
+  // answers from the albums, a writer adds and fills the columns.
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db,
+                         "ALTER TABLE volumes DROP COLUMN scan_folder; ALTER TABLE volumes DROP "
+                         "COLUMN scan_stamp; ALTER TABLE volumes DROP COLUMN scan_flags; ALTER "
+                         "TABLE volumes DROP COLUMN scan_value3; PRAGMA user_version = 1;",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(db);
+  EXPECT_EQ(ByRecordId(OpenSqliteCatalog(path, CatalogOpenMode::kReadOnly)->ScannedVolumes()),
+            expected);
+  {
+    auto cat = OpenSqliteCatalog(path, CatalogOpenMode::kReadWrite);
+    ASSERT_TRUE(cat);
+    EXPECT_EQ(ByRecordId(cat->ScannedVolumes()), expected);
+  }
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  sqlite3_stmt* version = nullptr;
+  sqlite3_prepare_v2(db, "SELECT scan_stamp FROM volumes WHERE record_id = 7", -1, &version,
+                     nullptr);
+  ASSERT_EQ(sqlite3_step(version), SQLITE_ROW);
+  EXPECT_EQ(sqlite3_column_int64(version, 0), 10);
+  sqlite3_finalize(version);
+  sqlite3_close(db);
 }
 
 TEST(SqliteCatalogTest, ArtistsDatabasePropertiesAndLists) {
