@@ -46,6 +46,9 @@ namespace dischive {
 namespace platform {
 class RemovableVolumeFinder;
 }
+namespace detail {
+class FolderScanSteps;
+}
 
 // Scan flags ---------------------------------------------------------------
 
@@ -265,6 +268,7 @@ class FolderScanner {
   CatalogEngine& catalog() { return catalog_; }
 
  private:
+  friend class detail::FolderScanSteps;
   void Log(std::string_view line);
 
   CatalogEngine& catalog_;

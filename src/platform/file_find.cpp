@@ -9,7 +9,7 @@
 namespace dischive::platform {
 
 int ListFolder(const std::filesystem::path& folder, std::vector<FolderEntry>& entries,
-               bool with_status) {
+               const std::function<bool(std::string_view name)>& wants_status) {
   DIR* dir = ::opendir(folder.c_str());
   if (dir == nullptr) return errno;
   const int fd = ::dirfd(dir);
@@ -26,7 +26,7 @@ int ListFolder(const std::filesystem::path& folder, std::vector<FolderEntry>& en
     FolderEntry entry;
     entry.name = std::string(name);
     entry.is_symlink = de->d_type == DT_LNK;
-    if (with_status || de->d_type == DT_UNKNOWN) {
+    if (de->d_type == DT_UNKNOWN || (wants_status && wants_status(name))) {
       struct stat st {};
       if (::fstatat(fd, de->d_name, &st, 0) != 0) {
         if (de->d_type != DT_LNK) continue;  // vanished

@@ -4,7 +4,9 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace dischive::platform {
@@ -19,12 +21,13 @@ struct FolderEntry {
 };
 
 /// Lists the entries of a folder except "." and "..", in the order the file
-/// system returns them. With `with_status` every entry's type, size and time
-/// come from one status call relative to the open folder (symbolic links
-/// followed); without it only the type is filled, from the folder listing where
-/// the file system provides it. Entries that vanish meanwhile are left out.
-/// Returns 0 or the errno of opening or reading the folder.
+/// system returns them. Entries for which `wants_status` returns true get their
+/// type, size and time from one status call relative to the open folder
+/// (symbolic links followed); the others only their type, from the folder
+/// listing where the file system provides it (a status call otherwise).
+/// Entries that vanish meanwhile are left out. Returns 0 or the errno of
+/// opening or reading the folder.
 int ListFolder(const std::filesystem::path& folder, std::vector<FolderEntry>& entries,
-               bool with_status);
+               const std::function<bool(std::string_view name)>& wants_status = {});
 
 }  // namespace dischive::platform

@@ -9,6 +9,7 @@
 #include "dischive/folder_scan.h"
 #include "dischive/text.h"
 #include "platform/file_find.h"
+#include "scan/folder_scan_internal.h"
 
 namespace dischive {
 namespace {
@@ -18,6 +19,9 @@ namespace fs = std::filesystem;
 // Windows error numbers, as the find calls report them.
 constexpr uint32_t kErrorPathNotFound = 3;
 
+using detail::kSettingsFileName;
+using detail::ScanEntry;
+
 // Files that are not scanned but belong to the folder's byte total.
 constexpr std::string_view kSideExtensions[] = {"txt", "jpg", "jpeg", "png", "bmp"};
 
@@ -26,49 +30,21 @@ uint32_t FindErrorFromErrno(int err) {
   return HResultFromErrno(err) & 0xFFFF;
 }
 
-struct Entry {
-  std::string name;
-  uint64_t size = 0;
-  int64_t mtime_ns = 0;
-};
-
-// Orders names the way the Windows find calls return them on NTFS: without
-// regard to case, byte order breaking ties so that the order is total.
-bool NameLess(const std::string& a, const std::string& b) {
-  const size_t n = std::min(a.size(), b.size());
-  for (size_t i = 0; i < n; ++i) {
-    const auto ca = static_cast<unsigned char>(ToLowerAscii(a[i]));
-    const auto cb = static_cast<unsigned char>(ToLowerAscii(b[i]));
-    if (ca != cb) return ca < cb;
-  }
-  return a.size() != b.size() ? a.size() < b.size() : a < b;
-}
-
-// Reads the folder once; the patterns are then matched against the names.
-// Entries that are folders, not regular files, or dot names (the hidden files of
-// POSIX) are left out. Returns 0 or a Windows error number.
-uint32_t ReadFolder(const fs::path& folder, std::vector<Entry>& entries) {
-  std::vector<platform::FolderEntry> listed;
-  if (const int err = platform::ListFolder(folder, listed, true); err != 0) {
-    return FindErrorFromErrno(err);
-  }
-  entries.reserve(listed.size());
-  for (platform::FolderEntry& e : listed) {
-    if (e.name.empty() || e.name[0] == '.' || !e.is_regular) continue;
-    Entry entry;
-    entry.name = std::move(e.name);
-    entry.size = e.size;
-    entry.mtime_ns = e.mtime_ns;
-    entries.push_back(std::move(entry));
-  }
-  std::sort(entries.begin(), entries.end(),
-            [](const Entry& a, const Entry& b) { return NameLess(a.name, b.name); });
-  return 0;
-}
-
-bool MatchesExtension(const std::string& name, std::string_view ext) {
+bool MatchesExtension(std::string_view name, std::string_view ext) {
   return name.size() > ext.size() + 1 && name[name.size() - ext.size() - 1] == '.' &&
          EndsWithIgnoreCase(name, ext);
+}
+
+// Whether a scan of the folder looks at a file of this name: a media or side
+// file (its size and time count) or the folder's settings file.
+bool ScanUses(std::string_view name, const std::vector<std::string>& extensions) {
+  if (name.empty() || name[0] == '.') return false;
+  const size_t dot = name.rfind('.');
+  if (dot == std::string_view::npos) return false;
+  if (EqualsIgnoreCase(name, kSettingsFileName)) return true;
+  auto matches = [&](std::string_view ext) { return !ext.empty() && MatchesExtension(name, ext); };
+  return std::any_of(extensions.begin(), extensions.end(), matches) ||
+         std::any_of(std::begin(kSideExtensions), std::end(kSideExtensions), matches);
 }
 
 // FNV-1a, 32 bits.
@@ -92,7 +68,7 @@ struct Fnv {
   }
 };
 
-void AddToStamp(Fnv& fnv, const Entry& e) {
+void AddToStamp(Fnv& fnv, const detail::ScanEntry& e) {
   fnv.AddText(e.name);
   fnv.AddU64(e.size);
   int64_t sec = e.mtime_ns / 1000000000;
@@ -146,39 +122,76 @@ void ScanLog::Flush() {
 
 // Enumeration --------------------------------------------------------------
 
-bool EnumerateFolder(const fs::path& folder, const std::vector<std::string>& extensions,
-                     FolderListing& listing, ScanLog* log, const FolderErrorCallback& on_error) {
+namespace detail {
+
+bool NameLess(std::string_view a, std::string_view b) {
+  const size_t n = std::min(a.size(), b.size());
+  for (size_t i = 0; i < n; ++i) {
+    const auto ca = static_cast<unsigned char>(ToLowerAscii(a[i]));
+    const auto cb = static_cast<unsigned char>(ToLowerAscii(b[i]));
+    if (ca != cb) return ca < cb;
+  }
+  return a.size() != b.size() ? a.size() < b.size() : a < b;
+}
+
+FolderContents ReadFolderContents(const fs::path& folder,
+                                  const std::vector<std::string>& extensions) {
+  FolderContents contents;
+  std::vector<platform::FolderEntry> listed;
+  const auto uses = [&extensions](std::string_view name) { return ScanUses(name, extensions); };
+  if (const int err = platform::ListFolder(folder, listed, uses); err != 0) {
+    contents.error = FindErrorFromErrno(err);
+    return contents;
+  }
+  for (platform::FolderEntry& e : listed) {
+    if (e.name.empty() || e.name[0] == '.') continue;
+    if (e.is_directory && !e.is_symlink) {
+      contents.subfolders.push_back(std::move(e.name));
+    } else if (e.is_regular && uses(e.name)) {
+      contents.files.push_back({std::move(e.name), e.size, e.mtime_ns});
+    }
+  }
+  std::sort(contents.files.begin(), contents.files.end(),
+            [](const ScanEntry& a, const ScanEntry& b) { return NameLess(a.name, b.name); });
+  std::sort(contents.subfolders.begin(), contents.subfolders.end(), NameLess);
+  return contents;
+}
+
+bool ListingFromContents(const fs::path& folder, const std::vector<std::string>& extensions,
+                         const FolderContents& contents, FolderListing& listing, ScanLog* log,
+                         const FolderErrorCallback& on_error, bool with_paths) {
   listing = FolderListing{};
-  std::vector<Entry> entries;
-  const uint32_t read_error = ReadFolder(folder, entries);
+  const uint32_t read_error = contents.error;
+  const std::vector<ScanEntry>& entries = contents.files;
+  // One text for the folder's path with a separator, to which names are
+  // appended: far cheaper than joining paths component by component.
+  std::string prefix = folder.string();
+  if (!prefix.empty() && prefix.back() != '/') prefix += '/';
 
   Fnv stamp;
   uint32_t first_error = 0;
-  std::vector<std::string> seen;  // an extension named twice is searched once
+  std::vector<std::string_view> seen;  // an extension named twice is searched once
   for (const std::string& ext : extensions) {
-    if (ext.empty() || std::any_of(seen.begin(), seen.end(), [&](const std::string& s) {
-          return EqualsIgnoreCase(s, ext);
-        })) {
+    if (ext.empty() || std::any_of(seen.begin(), seen.end(),
+                                   [&](std::string_view s) { return EqualsIgnoreCase(s, ext); })) {
       continue;
     }
     seen.push_back(ext);
-    if (log != nullptr) log->Write((folder / ("*." + ext)).string());
+    if (log != nullptr) log->Write(prefix + "*." + ext);
     size_t found = 0;
-    if (read_error == 0) {
-      for (const Entry& e : entries) {
-        if (!MatchesExtension(e.name, ext)) continue;
-        FolderFile file;
-        file.path = folder / e.name;
-        file.name = e.name;
-        file.short_name = e.name;  // POSIX file systems keep no 8.3 names
-        file.size = e.size;
-        file.mtime_sec = e.mtime_ns / 1000000000;
-        file.mtime_nsec = e.mtime_ns % 1000000000;
-        listing.files.push_back(std::move(file));
-        listing.byte_total += e.size;
-        AddToStamp(stamp, e);
-        ++found;
-      }
+    for (const ScanEntry& e : entries) {
+      if (!MatchesExtension(e.name, ext)) continue;
+      FolderFile file;
+      if (with_paths) file.path = prefix + e.name;
+      file.name = e.name;
+      file.short_name = e.name;  // POSIX file systems keep no 8.3 names
+      file.size = e.size;
+      file.mtime_sec = e.mtime_ns / 1000000000;
+      file.mtime_nsec = e.mtime_ns % 1000000000;
+      listing.files.push_back(std::move(file));
+      listing.byte_total += e.size;
+      AddToStamp(stamp, e);
+      ++found;
     }
     if (found == 0) {
       const uint32_t error = read_error != 0 ? read_error : kErrorFileNotFound;
@@ -193,14 +206,14 @@ bool EnumerateFolder(const fs::path& folder, const std::vector<std::string>& ext
 
   if (read_error == 0) {
     listing.settings_file = fs::path();
-    for (const Entry& e : entries) {
-      if (EqualsIgnoreCase(e.name, "dischive.ini")) {
-        listing.settings_file = folder / e.name;
+    for (const ScanEntry& e : entries) {
+      if (EqualsIgnoreCase(e.name, kSettingsFileName)) {
+        listing.settings_file = prefix + e.name;
         break;
       }
     }
   }
-  for (const Entry& e : entries) {
+  for (const ScanEntry& e : entries) {
     const size_t dot = e.name.rfind('.');
     if (dot == std::string::npos) continue;
     const std::string_view stem = std::string_view(e.name).substr(0, dot);
@@ -209,17 +222,17 @@ bool EnumerateFolder(const fs::path& folder, const std::vector<std::string>& ext
          EqualsIgnoreCase(stem, "front")) &&
         (EqualsIgnoreCase(ext, "jpg") || EqualsIgnoreCase(ext, "jpeg") ||
          EqualsIgnoreCase(ext, "png"))) {
-      listing.cover_file = folder / e.name;
+      listing.cover_file = prefix + e.name;
       break;
     }
   }
 
   for (std::string_view ext : kSideExtensions) {
     if (std::any_of(seen.begin(), seen.end(),
-                    [&](const std::string& s) { return EqualsIgnoreCase(s, ext); })) {
+                    [&](std::string_view s) { return EqualsIgnoreCase(s, ext); })) {
       continue;  // already counted as a media extension
     }
-    for (const Entry& e : entries) {
+    for (const ScanEntry& e : entries) {
       if (!MatchesExtension(e.name, ext)) continue;
       listing.byte_total += e.size;
       AddToStamp(stamp, e);
@@ -227,6 +240,14 @@ bool EnumerateFolder(const fs::path& folder, const std::vector<std::string>& ext
   }
   listing.stamp = stamp.h;
   return !listing.files.empty();
+}
+
+}  // namespace detail
+
+bool EnumerateFolder(const fs::path& folder, const std::vector<std::string>& extensions,
+                     FolderListing& listing, ScanLog* log, const FolderErrorCallback& on_error) {
+  return detail::ListingFromContents(
+      folder, extensions, detail::ReadFolderContents(folder, extensions), listing, log, on_error);
 }
 
 uint32_t FolderRecordId(const FolderListing& listing) {
