@@ -473,6 +473,47 @@ TEST_F(FolderScanTest, CoverPictureOfTheFolder) {
   EXPECT_EQ(catalog_->ReadCover(r.record_id), "\xFF\xD8 second picture!");
 }
 
+TEST_F(FolderScanTest, LibraryScanLogsAndDecidesAsFolderScansDo) {
+  const fs::path lib = dir_ / "lib";
+  WriteFile(lib / "A - One" / "1.mp3", Mp3({"x", "A", "One", ""}));
+  WriteFile(lib / "A - One" / "2.mp3", Mp3({"y", "A", "One", ""}));
+  WriteFile(lib / "B" / "Two" / "1.mp3", Mp3({"z", "B", "Two", ""}));
+  WriteFile(lib / "B" / "Two" / "dischive.ini", "[ScanOptions]\nExclude=1\n");
+  WriteFile(lib / "C" / "1.mp3", Mp3({"c", "C", "Three", ""}));
+  WriteFile(lib / "C" / "DISCHIVE.INI", "[ScanOptions]\nID=00000a65\n");
+  WriteFile(lib / "D" / "1.mp3", Mp3({"d", "D", "Four", ""}));
+  WriteFile(lib / "D" / "notes.txt", "n");
+
+  // The same folders scanned one by one into another catalogue log the same
+  // lines in the same order.
+  std::vector<std::string> expected;
+  {
+    auto other = OpenSqliteCatalog(dir_ / "other.dab", CatalogOpenMode::kCreate);
+    ASSERT_NE(other, nullptr);
+    ScanLog log([&expected](std::string_view line) { expected.emplace_back(line); });
+    FolderScanOptions options = options_;
+    options.log = &log;
+    FolderScanner scanner(*other, options);
+    for (const fs::path& folder : CollectFolders(lib))
+      scanner.ScanFolder(folder, lib);
+  }
+  FolderScanner scanner(*catalog_, options_);
+  lines_.clear();
+  LibraryScanSummary s = ScanLibrary(scanner, {lib});
+  EXPECT_EQ(lines_, expected);
+  EXPECT_EQ(s.added, 2u);
+
+  // A folder reached from two roots is written once: its second visit sees
+  // what the first one wrote, although both were judged before either.
+  WriteFile(lib / "A - One" / "2.mp3", Mp3({"y2", "A", "One", ""}));
+  s = ScanLibrary(scanner, {lib, lib / "A - One"});
+  EXPECT_EQ(s.folders, 7u);
+  EXPECT_EQ(s.updated, 1u);
+  EXPECT_EQ(s.skipped, 3u);  // C attached, D unchanged, A on its second visit
+  EXPECT_EQ(s.excluded, 1u);
+  EXPECT_EQ(s.added + s.failed, 0u);
+}
+
 TEST_F(FolderScanTest, LibraryFoldersFlagsAndLibraryScan) {
   EXPECT_TRUE(LoadLibraryFolders(*catalog_).empty());
   const std::vector<LibraryFolder> three = {{"/a", 1}, {"/b", 2}, {"/c", 0}};
