@@ -146,6 +146,15 @@ struct FolderFiles {
   size_t unreadable = 0;       // files no reader took
 };
 
+// A folder's album as its files give it, ready to be written: everything but
+// the record id, the location and what the catalogue already holds.
+struct InferredAlbum {
+  AlbumRecord scanned;  // album-level fields
+  VolumeRecord volume;  // the folder's volume and its tracks
+  std::string cover;    // the folder's picture
+  size_t unreadable = 0;
+};
+
 // Everything the scan found out about one folder.
 struct ScannedAlbum {
   std::string title;
@@ -467,27 +476,25 @@ class detail::FolderScanSteps {
     return files;
   }
 
-  // Infers the album from the files read and writes it. Returns the scan
-  // state of the volume written, or nullopt when nothing was written.
+  // Infers the album from the files read.
+  static InferredAlbum Infer(const FolderScanner& scanner, const fs::path& folder,
+                             const fs::path& root, const std::string& key,
+                             const FolderListing& listing, FolderFiles files);
+
+  // Writes the album of a folder into its record. Returns the scan state of
+  // the volume written, or nullopt when nothing was written.
   static std::optional<VolumeScanState> Commit(FolderScanner& scanner, const fs::path& folder,
-                                               const fs::path& root, const std::string& key,
-                                               const FolderListing& listing,
-                                               const RecordChoice& choice, FolderFiles files,
+                                               const std::string& key, const FolderListing& listing,
+                                               const RecordChoice& choice, InferredAlbum inferred,
                                                FolderScanResult& result);
 };
 
-std::optional<VolumeScanState> detail::FolderScanSteps::Commit(
-    FolderScanner& scanner, const fs::path& folder, const fs::path& root, const std::string& key,
-    const FolderListing& listing, const RecordChoice& choice, FolderFiles files,
-    FolderScanResult& result) {
-  CatalogEngine& catalog = scanner.catalog_;
+InferredAlbum detail::FolderScanSteps::Infer(const FolderScanner& scanner, const fs::path& folder,
+                                             const fs::path& root, const std::string& key,
+                                             const FolderListing& listing, FolderFiles files) {
   const FolderScanOptions& options = scanner.options_;
   const uint32_t flags = options.flags;
-  const uint32_t id = choice.id;
   const bool underscores = (flags & scan_flags::kUnderscoreToBlank) != 0;
-  result.unreadable_files = files.unreadable;
-  std::optional<std::string> album_id;
-  if (choice.existing) album_id = catalog.FindAlbumOfVolume(id);
 
   ScannedAlbum album;
   album.tracks = std::move(files.tracks);
@@ -573,7 +580,6 @@ std::optional<VolumeScanState> detail::FolderScanSteps::Commit(
   }
   if (album.title.empty()) album.title = LoadHostString(strings::kUnknownAlbum);
 
-  album.location = detail::RemovableMediaLocation(folder, *scanner.volumes_);
   album.cover = ReadCoverFile(listing.cover_file);
   if (album.cover.empty()) album.cover = std::move(files.embedded_cover);
 
@@ -585,13 +591,11 @@ std::optional<VolumeScanState> detail::FolderScanSteps::Commit(
   SetText(ap, field::kComment, album.comment);
   SetText(ap, field::kGenre, album.genre);
   SetText(ap, field::kLabel, album.label);
-  SetText(ap, field::kLocation, album.location);
   if (album.release_date) ap.Set(field::kReleaseDate, static_cast<int32_t>(*album.release_date));
   scanned.artists = {album.artist};
   scanned.various_artists = album.compilation;
 
   VolumeRecord volume;
-  volume.record_id = id;
   volume.properties.Set(field::kScanStamp, static_cast<int32_t>(listing.stamp));
   volume.properties.Set(field::kScanFlags, static_cast<int32_t>(flags));
   volume.properties.Set(field::kScanValue3, static_cast<int32_t>(scanner.profile_));
@@ -618,6 +622,27 @@ std::optional<VolumeScanState> detail::FolderScanSteps::Commit(
     volume.tracks.push_back(std::move(tr));
   }
   volume.frames = static_cast<uint32_t>(std::min<uint64_t>(frames, 0xFFFFFFFEu));
+  return InferredAlbum{std::move(scanned), std::move(volume), std::move(album.cover),
+                       files.unreadable};
+}
+
+std::optional<VolumeScanState> detail::FolderScanSteps::Commit(
+    FolderScanner& scanner, const fs::path& folder, const std::string& key,
+    const FolderListing& listing, const RecordChoice& choice, InferredAlbum inferred,
+    FolderScanResult& result) {
+  CatalogEngine& catalog = scanner.catalog_;
+  const FolderScanOptions& options = scanner.options_;
+  const uint32_t flags = options.flags;
+  const uint32_t id = choice.id;
+  result.unreadable_files = inferred.unreadable;
+  std::optional<std::string> album_id;
+  if (choice.existing) album_id = catalog.FindAlbumOfVolume(id);
+  AlbumRecord scanned = std::move(inferred.scanned);
+  VolumeRecord volume = std::move(inferred.volume);
+  const std::string cover = std::move(inferred.cover);
+  SetText(scanned.properties, field::kLocation,
+          detail::RemovableMediaLocation(folder, *scanner.volumes_));
+  volume.record_id = id;
 
   const bool replace = options.forced ? (flags & scan_flags::kReplaceMode) != 0
                                       : !album_id || (flags & scan_flags::kNeverSkipUnchanged) != 0;
@@ -693,10 +718,10 @@ std::optional<VolumeScanState> detail::FolderScanSteps::Commit(
     scanner.Log("Folder failed: " + result.message);
     return std::nullopt;
   }
-  if (!album.cover.empty()) {
+  if (!cover.empty()) {
     const std::optional<std::string> old_cover = catalog.ReadCover(id);
-    if (!old_cover || *old_cover != album.cover) {
-      if (HResult hr = catalog.WriteCover(id, album.cover)) {
+    if (!old_cover || *old_cover != cover) {
+      if (HResult hr = catalog.WriteCover(id, cover)) {
         result.error = hr;
         result.message = "cannot store the cover: " + FormatErrorMessage(hr);
       }
@@ -736,8 +761,10 @@ FolderScanResult FolderScanner::ScanFiles(const fs::path& folder, const FolderLi
       result.result = 1;
       return result;
     }
-    Steps::Commit(*this, folder, root, key, listing, choice, Steps::Read(*this, folder, listing),
-                  result);
+    Steps::Commit(
+        *this, folder, key, listing, choice,
+        Steps::Infer(*this, folder, root, key, listing, Steps::Read(*this, folder, listing)),
+        result);
   } catch (const FatalDatabaseError& e) {
     result.outcome = FolderOutcome::kFailed;
     result.error = kFail;
@@ -780,9 +807,9 @@ struct PendingFolder {
   std::vector<std::string> log_lines;  // kept for the scan log, in order
   std::optional<uint32_t> find_error;
   FolderStart start;
-  bool read = false;                 // the readers read its files
-  std::optional<FolderFiles> files;  // what they read
-  size_t held_bytes = 0;             // about what that takes in memory
+  bool read = false;                   // the readers read its files
+  std::optional<InferredAlbum> album;  // the album its files give
+  size_t held_bytes = 0;               // about what that takes in memory
   std::string failure;
 };
 
@@ -853,10 +880,10 @@ class FolderReaders {
       lock.unlock();
       read_(*folder);
       size_t bytes = 0;
-      if (folder->files) {
-        bytes = folder->files->embedded_cover.size();
-        for (const Track& t : folder->files->tracks)
-          bytes += t.tags.lyrics.size() + t.tags.comment.size() + 256;
+      if (folder->album) {
+        bytes = folder->album->cover.size();
+        for (const TrackRecord& t : folder->album->volume.tracks)
+          bytes += 512 + t.properties.Text(field::kLyrics).size();
       }
       folder->held_bytes = bytes;
       lock.lock();
@@ -917,7 +944,8 @@ LibraryScanSummary ScanLibrary(FolderScanner& scanner, const std::vector<fs::pat
   std::string walk_failure;
   FolderReaders readers([&](PendingFolder& f) {
     try {
-      f.files = Steps::Read(scanner, f.folder, f.listing);
+      f.album = Steps::Infer(scanner, f.folder, *f.root, f.key, f.listing,
+                             Steps::Read(scanner, f.folder, f.listing));
     } catch (const std::exception& e) {  // a failed folder never stops the scan
       f.failure = e.what();
     }
@@ -1033,9 +1061,12 @@ LibraryScanSummary ScanLibrary(FolderScanner& scanner, const std::vector<fs::pat
           // The snapshot said unchanged and the catalogue, which this scan
           // has written to since, says otherwise (a folder scanned twice, a
           // record another folder took): read the files now.
-          if (!f.files) f.files = Steps::Read(scanner, f.folder, f.listing);
-          if (const auto written = Steps::Commit(scanner, f.folder, *f.root, f.key, f.listing,
-                                                 choice, std::move(*f.files), r)) {
+          if (!f.album) {
+            f.album = Steps::Infer(scanner, f.folder, *f.root, f.key, f.listing,
+                                   Steps::Read(scanner, f.folder, f.listing));
+          }
+          if (const auto written = Steps::Commit(scanner, f.folder, f.key, f.listing, choice,
+                                                 std::move(*f.album), r)) {
             lookup.Written(f.key, *written);
           }
         }
