@@ -459,16 +459,23 @@ class SqliteCatalog final : public CatalogEngine {
         aid = FindAlbum(id, &stored);
       }
       const bool exists = aid.has_value();
-      AlbumRecord result;
+      // The record written: the caller's own when it needs no change (no
+      // copy of a large album), else a merged or track-sorted copy.
+      AlbumRecord merged;
+      const AlbumRecord* written = &album;
       if (exists && mode == WriteMode::kMerge) {
-        result = std::move(stored);
-        MergeAlbum(result, album);
-      } else {
-        result = album;
+        merged = std::move(stored);
+        MergeAlbum(merged, album);
+        written = &merged;
+      } else if (!std::all_of(album.volumes.begin(), album.volumes.end(), TracksSorted)) {
+        merged = album;
+        written = &merged;
       }
-      for (VolumeRecord& v : result.volumes) {
-        SortTracks(v);
+      if (written == &merged) {
+        for (VolumeRecord& v : merged.volumes)
+          SortTracks(v);
       }
+      const AlbumRecord& result = *written;
       // A volume belongs to one album: refuse one that another album holds.
       for (const VolumeRecord& v : result.volumes) {
         const std::optional<int64_t> owner = AlbumOfVolume(v.record_id);
@@ -488,8 +495,8 @@ class SqliteCatalog final : public CatalogEngine {
       }
       // Volumes the replaced album no longer holds go, with their covers (a
       // merge keeps every stored volume).
-      for (const VolumeRecord& old :
-           mode == WriteMode::kReplace ? stored.volumes : std::vector<VolumeRecord>()) {
+      for (const VolumeRecord& old : stored.volumes) {
+        if (mode != WriteMode::kReplace) break;
         const uint32_t rid = old.record_id;
         if (std::none_of(result.volumes.begin(), result.volumes.end(),
                          [rid](const VolumeRecord& v) { return v.record_id == rid; })) {
@@ -982,6 +989,12 @@ class SqliteCatalog final : public CatalogEngine {
       if (t.number == index) return &t.properties;
     }
     return nullptr;
+  }
+
+  static bool TracksSorted(const VolumeRecord& v) {
+    return std::is_sorted(
+        v.tracks.begin(), v.tracks.end(),
+        [](const TrackRecord& a, const TrackRecord& b) { return a.number < b.number; });
   }
 
   static void SortTracks(VolumeRecord& v) {

@@ -452,7 +452,13 @@ class detail::FolderScanSteps {
     for (const FolderFile& file : listing.files) {
       Track& track = files.tracks.emplace_back();
       track.file_name = file.name;
-      track.path = file.path.empty() ? (folder / file.name).string() : file.path.string();
+      if (file.path.empty()) {
+        track.path = folder.native();
+        if (!track.path.empty() && track.path.back() != '/') track.path += '/';
+        track.path += file.name;
+      } else {
+        track.path = file.path.native();
+      }
       track.size = file.size;
       MediaFileInfo info;
       if (ReadMediaFile(file.path.empty() ? fs::path(track.path) : file.path, info,
