@@ -309,6 +309,17 @@ using FolderDone = std::function<void(const std::filesystem::path&, const Folder
 /// scan goes on. The albums are committed in batches (every 100 albums
 /// written, or after two seconds), so that a large library is not written one
 /// transaction per folder and an interrupted scan keeps what it committed.
+///
+/// Each folder is read once. The catalogue's scan states are fetched once at
+/// the start, so that the files of a folder that has not changed are never
+/// opened; the scan itself is what changes them while it runs, so no other
+/// writer may use the same engine meanwhile (other processes cannot: the scan
+/// holds the catalogue's write lock). The folder walk and the reading of tags
+/// run on threads of their own (as many readers as cores, up to four); the
+/// catalogue is written, and `progress`, `on_folder`, the log and the error
+/// callback are called, on the calling thread only, in folder order. While the
+/// walk goes on, the `total` given to `progress` is the number of folders
+/// found so far.
 LibraryScanSummary ScanLibrary(FolderScanner& scanner,
                                const std::vector<std::filesystem::path>& roots,
                                const LibraryProgress& progress = {},
