@@ -64,6 +64,9 @@ class FileSource final : public ByteSource {
   /// Opens `path` for reading; nullptr with `error` set (2 not found,
   /// 5 access denied, E_FAIL otherwise) when it cannot.
   static std::unique_ptr<FileSource> Open(const std::filesystem::path& path, HResult& error);
+  /// Opens the file `name` of an open folder (see platform::File::OpenFolder).
+  static std::unique_ptr<FileSource> OpenAt(const platform::File& folder, const std::string& name,
+                                            HResult& error);
   ~FileSource() override;
   FileSource(const FileSource&) = delete;
   FileSource& operator=(const FileSource&) = delete;
@@ -155,6 +158,10 @@ bool ReadRiffWaveInfo(ByteSource& file, MediaFileTags& tags);
 
 /// The name of ID3v1 genre `index` (0..147), empty for any other index.
 std::string_view GenreNameFromIndex(int index);
+
+/// ReadMediaFile for the file `name` of an open folder.
+HResult ReadMediaFileAt(const platform::File& folder, const std::string& name, MediaFileInfo& info,
+                        bool want_picture = true);
 
 /// Reads a file held by `file`; `extension` (without the dot) is the fallback
 /// when the first bytes name no format. Returns 0 or kNotMediaFile.

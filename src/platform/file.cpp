@@ -56,6 +56,23 @@ HResult File::OpenRead(const std::filesystem::path& path, File* file) {
   return result;
 }
 
+HResult File::OpenFolder(const std::filesystem::path& path, File* folder) {
+  int fd = -1;
+  const HResult result = OpenFd(path, O_PATH | O_DIRECTORY, &fd);
+  if (result == kOk) *folder = File(fd);
+  return result;
+}
+
+HResult File::OpenReadAt(const File& folder, const std::string& name, File* file) {
+  int fd;
+  do {
+    fd = ::openat(folder.fd_, name.c_str(), O_RDONLY | O_CLOEXEC);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) return LastError();
+  *file = File(fd);
+  return kOk;
+}
+
 HResult File::CreateExclusive(const std::filesystem::path& path, File* file) {
   int fd = -1;
   const HResult result = OpenFd(path, O_WRONLY | O_CREAT | O_EXCL, &fd);

@@ -28,6 +28,11 @@ class File {
 
   /// Opens an existing file for reading.
   static HResult OpenRead(const std::filesystem::path& path, File* file);
+  /// Opens a folder as a handle for OpenReadAt (no reading of its listing).
+  static HResult OpenFolder(const std::filesystem::path& path, File* folder);
+  /// Opens the file `name` of an open folder for reading: cheaper than a
+  /// full path for many files of one folder, whose path is resolved once.
+  static HResult OpenReadAt(const File& folder, const std::string& name, File* file);
   /// Creates a new file for writing; fails with kErrorFileExists when the name
   /// is taken (nothing existing is ever truncated).
   static HResult CreateExclusive(const std::filesystem::path& path, File* file);

@@ -35,17 +35,32 @@ bool MemorySource::Seek(int64_t offset, SeekFrom from) {
   return MovePosition(pos_, offset, from);
 }
 
+namespace {
+
+// The readers' callers expect the plain Win32 numbers for the usual cases.
+HResult OpenError(HResult error) {
+  if (error == HResultFromErrno(ENOENT) || error == HResultFromErrno(ENOTDIR)) {
+    return kErrorFileNotFound;
+  }
+  if (error == HResultFromErrno(EACCES) || error == HResultFromErrno(EPERM)) {
+    return kErrorAccessDenied;
+  }
+  return error == kOk ? kOk : kFail;
+}
+
+}  // namespace
+
 std::unique_ptr<FileSource> FileSource::Open(const std::filesystem::path& path, HResult& error) {
   auto file = std::make_unique<platform::File>();
-  error = platform::File::OpenRead(path, file.get());
-  // The readers' callers expect the plain Win32 numbers for the usual cases.
-  if (error == HResultFromErrno(ENOENT) || error == HResultFromErrno(ENOTDIR)) {
-    error = kErrorFileNotFound;
-  } else if (error == HResultFromErrno(EACCES) || error == HResultFromErrno(EPERM)) {
-    error = kErrorAccessDenied;
-  } else if (error != kOk) {
-    error = kFail;
-  }
+  error = OpenError(platform::File::OpenRead(path, file.get()));
+  if (error != kOk) return nullptr;
+  return std::unique_ptr<FileSource>(new FileSource(std::move(file)));
+}
+
+std::unique_ptr<FileSource> FileSource::OpenAt(const platform::File& folder,
+                                               const std::string& name, HResult& error) {
+  auto file = std::make_unique<platform::File>();
+  error = OpenError(platform::File::OpenReadAt(folder, name, file.get()));
   if (error != kOk) return nullptr;
   return std::unique_ptr<FileSource>(new FileSource(std::move(file)));
 }

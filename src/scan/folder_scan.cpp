@@ -18,7 +18,9 @@
 #include "dischive/date.h"
 #include "dischive/ini.h"
 #include "dischive/strings.h"
+#include "dischive/tag_readers.h"
 #include "dischive/text.h"
+#include "platform/file.h"
 #include "platform/file_find.h"
 #include "scan/folder_scan_internal.h"
 
@@ -449,6 +451,9 @@ class detail::FolderScanSteps {
     const bool underscores = (flags & scan_flags::kUnderscoreToBlank) != 0;
     FolderFiles files;
     files.tracks.reserve(listing.files.size());
+    // The folder's path is resolved once; its files are opened by name.
+    platform::File handle;
+    const bool by_name = platform::File::OpenFolder(folder, &handle) == kOk;
     for (const FolderFile& file : listing.files) {
       Track& track = files.tracks.emplace_back();
       track.file_name = file.name;
@@ -461,8 +466,12 @@ class detail::FolderScanSteps {
       }
       track.size = file.size;
       MediaFileInfo info;
-      if (ReadMediaFile(file.path.empty() ? fs::path(track.path) : file.path, info,
-                        files.embedded_cover.empty()) == kOk) {
+      const bool want_picture = files.embedded_cover.empty();
+      const HResult read = by_name && file.path.empty()
+                               ? ReadMediaFileAt(handle, file.name, info, want_picture)
+                               : ReadMediaFile(file.path.empty() ? fs::path(track.path) : file.path,
+                                               info, want_picture);
+      if (read == kOk) {
         track.tags = std::move(info.tags);
         if (files.embedded_cover.empty() && !info.picture.empty() &&
             info.picture.size() <= kMaxCoverBytes) {

@@ -101,6 +101,16 @@ bool ReadAs(Format format, ByteSource& file, MediaFileInfo& info, CoverPicture* 
   return false;
 }
 
+// The extension of a file name or path ("" when it has none).
+std::string ExtensionOf(std::string_view name) {
+  const size_t dot = name.rfind('.');
+  const size_t slash = name.rfind('/');
+  if (dot == std::string_view::npos || (slash != std::string_view::npos && dot <= slash + 1)) {
+    return {};
+  }
+  return std::string(name.substr(dot + 1));
+}
+
 }  // namespace
 
 HResult ReadMediaSource(ByteSource& file, std::string_view extension, MediaFileInfo& info,
@@ -129,17 +139,20 @@ HResult ReadMediaFile(const std::filesystem::path& path, MediaFileInfo& info, bo
   if constexpr (std::is_same_v<std::filesystem::path::value_type, char>) {
     // From the name itself: cheaper than path::extension(), which splits the
     // whole path into components.
-    const std::string& name = path.native();
-    const size_t dot = name.rfind('.');
-    const size_t slash = name.rfind('/');
-    if (dot != std::string::npos && (slash == std::string::npos || dot > slash + 1)) {
-      extension.assign(name, dot + 1);
-    }
+    extension = ExtensionOf(path.native());
   } else {
     extension = path.extension().string();
     if (!extension.empty()) extension.erase(0, 1);
   }
   return ReadMediaSource(*file, extension, info, want_picture);
+}
+
+HResult ReadMediaFileAt(const platform::File& folder, const std::string& name, MediaFileInfo& info,
+                        bool want_picture) {
+  HResult error = kOk;
+  std::unique_ptr<FileSource> file = FileSource::OpenAt(folder, name, error);
+  if (!file) return error;
+  return ReadMediaSource(*file, ExtensionOf(name), info, want_picture);
 }
 
 }  // namespace dischive
