@@ -991,16 +991,14 @@ class SqliteCatalog final : public CatalogEngine {
     return nullptr;
   }
 
-  static bool TracksSorted(const VolumeRecord& v) {
-    return std::is_sorted(
-        v.tracks.begin(), v.tracks.end(),
-        [](const TrackRecord& a, const TrackRecord& b) { return a.number < b.number; });
+  static bool TrackNumberLess(const TrackRecord& a, const TrackRecord& b) {
+    return a.number < b.number;
   }
-
+  static bool TracksSorted(const VolumeRecord& v) {
+    return std::is_sorted(v.tracks.begin(), v.tracks.end(), TrackNumberLess);
+  }
   static void SortTracks(VolumeRecord& v) {
-    std::stable_sort(
-        v.tracks.begin(), v.tracks.end(),
-        [](const TrackRecord& a, const TrackRecord& b) { return a.number < b.number; });
+    std::stable_sort(v.tracks.begin(), v.tracks.end(), TrackNumberLess);
   }
 
   // Merges `album` into the stored one: given properties set, others kept; a

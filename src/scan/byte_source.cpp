@@ -19,6 +19,17 @@ bool MovePosition(int64_t& pos, int64_t offset, SeekFrom from) {
   return true;
 }
 
+// The readers' callers expect the plain Win32 numbers for the usual cases.
+HResult OpenError(HResult error) {
+  if (error == HResultFromErrno(ENOENT) || error == HResultFromErrno(ENOTDIR)) {
+    return kErrorFileNotFound;
+  }
+  if (error == HResultFromErrno(EACCES) || error == HResultFromErrno(EPERM)) {
+    return kErrorAccessDenied;
+  }
+  return error == kOk ? kOk : kFail;
+}
+
 }  // namespace
 
 size_t MemorySource::Read(void* buffer, size_t count) {
@@ -34,21 +45,6 @@ size_t MemorySource::Read(void* buffer, size_t count) {
 bool MemorySource::Seek(int64_t offset, SeekFrom from) {
   return MovePosition(pos_, offset, from);
 }
-
-namespace {
-
-// The readers' callers expect the plain Win32 numbers for the usual cases.
-HResult OpenError(HResult error) {
-  if (error == HResultFromErrno(ENOENT) || error == HResultFromErrno(ENOTDIR)) {
-    return kErrorFileNotFound;
-  }
-  if (error == HResultFromErrno(EACCES) || error == HResultFromErrno(EPERM)) {
-    return kErrorAccessDenied;
-  }
-  return error == kOk ? kOk : kFail;
-}
-
-}  // namespace
 
 std::unique_ptr<FileSource> FileSource::Open(const std::filesystem::path& path, HResult& error) {
   auto file = std::make_unique<platform::File>();

@@ -166,7 +166,6 @@ struct ScannedAlbum {
   std::string genre;
   std::string label;
   std::optional<uint32_t> release_date;
-  std::string location;
   std::vector<Track> tracks;
   std::string cover;
 };
@@ -282,6 +281,16 @@ struct ScanSnapshot {
       states.emplace(id, std::move(state));
     }
   }
+
+  // The record a folder became, by its key in lower case.
+  std::optional<uint32_t> Remembered(const std::string& lower_key) const {
+    const auto it = remembered.find(lower_key);
+    return it == remembered.end() ? std::nullopt : std::optional(it->second);
+  }
+  std::optional<VolumeScanState> State(uint32_t id) const {
+    const auto it = states.find(id);
+    return it == states.end() ? std::nullopt : std::optional(it->second);
+  }
 };
 
 // The snapshot alone, never the catalogue: what the readers of a library scan
@@ -291,13 +300,9 @@ class SnapshotLookup final : public RecordLookup {
  public:
   explicit SnapshotLookup(const ScanSnapshot& snapshot) : snapshot_(snapshot) {}
   std::optional<uint32_t> RememberedId(const std::string& key) override {
-    const auto it = snapshot_.remembered.find(ToLowerAscii(key));
-    return it == snapshot_.remembered.end() ? std::nullopt : std::optional(it->second);
+    return snapshot_.Remembered(ToLowerAscii(key));
   }
-  std::optional<VolumeScanState> State(uint32_t id) override {
-    const auto it = snapshot_.states.find(id);
-    return it == snapshot_.states.end() ? std::nullopt : std::optional(it->second);
-  }
+  std::optional<VolumeScanState> State(uint32_t id) override { return snapshot_.State(id); }
   bool FolderExists(const std::string&) override { return true; }
 
  private:
@@ -315,12 +320,11 @@ class LibraryLookup final : public RecordLookup {
   std::optional<uint32_t> RememberedId(const std::string& key) override {
     const std::string lower = ToLowerAscii(key);
     if (const auto it = remembered_.find(lower); it != remembered_.end()) return it->second;
-    const auto it = snapshot_.remembered.find(lower);
-    return it == snapshot_.remembered.end() ? std::nullopt : std::optional(it->second);
+    return snapshot_.Remembered(lower);
   }
   std::optional<VolumeScanState> State(uint32_t id) override {
     if (const auto it = states_.find(id); it != states_.end()) return it->second;
-    if (const auto it = snapshot_.states.find(id); it != snapshot_.states.end()) return it->second;
+    if (auto state = snapshot_.State(id)) return state;
     return live_.State(id);
   }
   bool FolderExists(const std::string& path) override { return live_.FolderExists(path); }
@@ -365,7 +369,7 @@ class detail::FolderScanSteps {
     const std::string section =
         options.section.empty() ? std::string(kDefaultSection) : options.section;
     const fs::path settings_path =
-        listing.settings_file.value_or(folder / detail::kSettingsFileName);
+        listing.settings_file ? *listing.settings_file : folder / detail::kSettingsFileName;
     IniDocument ini;
     if (!settings_path.empty()) {
       // A settings file holds a few lines; anything far larger is not one.
