@@ -111,6 +111,28 @@ void DHVAPI_CALL DestroyXmlResponseReader(XmlResponseReader* reader);
 DHV_RESULT DHVAPI_CALL LoadXmlResponse(XmlResponseReader* reader, const char* body,
                                        struct _xmlDoc** document);
 
+/* Amazon product search ------------------------------------------------------- */
+
+/* Signed request URLs for the album search of the product search service. The
+ * keys and the marketplace come from the settings group "AmazonSearch"
+ * ("AccessKeyId", "SecretKey", "AssociateTag", "AwsServer" 0-5), the time from
+ * the clock. classical non-zero searches the Classical index instead of Music;
+ * response_group is a comma-separated list such as "ItemAttributes,Tracks,Images"
+ * (NULL: "ItemAttributes,Tracks"). Each returns a malloc'ed URL, or NULL when
+ * the text is NULL or memory runs out. */
+char* DHVAPI_CALL LookupItemInIndex(const char* barcode, int classical, const char* response_group);
+char* DHVAPI_CALL SearchAlbumsByArtist(const char* artist, int classical, int page,
+                                       const char* response_group);
+char* DHVAPI_CALL SearchAlbumsByKeywords(const char* keywords, int classical, int page,
+                                         const char* response_group);
+char* DHVAPI_CALL LookupItem(const char* asin, const char* response_group);
+
+/* Signs a request: query holds "name=value" pairs joined by "&", values already
+ * percent-encoded. Returns "http://" host "/onca/xml?" and the pairs sorted by
+ * bytes, followed by "&Signature=" and the signature, malloc'ed; NULL when an
+ * argument is NULL or memory runs out. */
+char* DHVAPI_CALL BuildSignedUrl(const char* host, const char* query, const char* secret_key);
+
 /* Backup files -------------------------------------------------------------- */
 
 /* The metadata section at the end of a backup file. Texts are UTF-8 and
