@@ -178,8 +178,8 @@ HResult ParseAmazonAnswer(std::string_view body, AmazonAnswer& answer, size_t ma
 /// XML size limit.
 HResult FetchAmazonAnswer(std::string_view url, HttpRequest& request, AmazonAnswer& answer);
 
-/// Splits "http://host[:port]/object" into the request's server, port and
-/// object; false when the URL is not of that form (https on 443 is accepted).
+/// Puts an "http://host[:port]/object" address (or https on port 443) into the
+/// request's server, port and object; false when it is not such an address.
 bool SetRequestUrl(std::string_view url, HttpRequest& request);
 
 }  // namespace dischive

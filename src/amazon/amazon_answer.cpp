@@ -2,11 +2,12 @@
 // error documents into a code and a message.
 #include <libxml/tree.h>
 
-#include <charconv>
+#include <cstdint>
 #include <string>
 
 #include "dischive/amazon.h"
 #include "dischive/xml_response.h"
+#include "util/parse.h"
 
 namespace dischive {
 namespace {
@@ -26,9 +27,7 @@ class AmazonReader : public XmlResponseReader {
 
 // A count from the answer; 0 when absent or not a plain number.
 int Count(std::string_view text) {
-  int value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  return error == std::errc() && end == text.data() + text.size() && value > 0 ? value : 0;
+  return static_cast<int>(ParseDecimal32(text, INT32_MAX).value_or(0));
 }
 
 AmazonAlbum ReadAlbum(const AmazonReader& reader, _xmlNode* item) {
