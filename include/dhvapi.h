@@ -107,7 +107,9 @@ struct _xmlDoc;
 XmlResponseReader* DHVAPI_CALL CreateXmlResponseReader(const char* selection_namespaces);
 void DHVAPI_CALL DestroyXmlResponseReader(XmlResponseReader* reader);
 /* Parses a body (up to its NUL). Returns 0 and the document, 0x80004005 when
- * it is not well-formed, 0x80070057 for bad arguments. */
+ * it is not well-formed, declares a document type (DTD, entities) or is longer
+ * than the setting "internet2" "xml_max_bytes" (default 64 MiB), 0x80070057 for
+ * bad arguments. */
 DHV_RESULT DHVAPI_CALL LoadXmlResponse(XmlResponseReader* reader, const char* body,
                                        struct _xmlDoc** document);
 
