@@ -1,19 +1,15 @@
 // dischive amazon: album search and lookup in the Amazon product search
 // service, signing of request URLs, and cover downloads.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
 #include <iostream>
 
 #include "cli.h"
 #include "dischive/amazon.h"
 #include "dischive/http.h"
 #include "dischive/strings.h"
+#include "platform/replace_file.h"
 #include "progress.h"
 
 namespace dischive::cli {
@@ -211,43 +207,12 @@ int RunSign(const Context& context) {
   return kExitOk;
 }
 
-// Writes the bytes beside the target and renames them over it, so a failed
-// download leaves an existing file as it was; only a regular file (or no
-// file) is ever replaced.
+// A complete download replaces the file at once; a failed one leaves it as it
+// was. Devices and FIFOs are written through, never replaced.
 void SaveFile(const std::string& target, const std::string& bytes) {
-  struct stat st {};
-  if (stat(target.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
-    throw CommandError(kExitFailure, target + ": not a regular file; not replacing it");
-  }
-  std::filesystem::path path(target);
-  std::string temporary =
-      (path.parent_path().empty() ? std::filesystem::path(".") : path.parent_path()) /
-      ("." + path.filename().string() + ".XXXXXX");
-  const int fd = mkstemp(temporary.data());
-  if (fd < 0) {
-    throw CommandError(kExitFailure, target + ": " + std::strerror(errno));
-  }
-  size_t done = 0;
-  int error = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      error = n < 0 ? errno : EIO;
-      break;
-    }
-    done += static_cast<size_t>(n);
-  }
-  // mkstemp makes the file private; a downloaded image gets the usual mode.
-  const mode_t mask = umask(0);
-  umask(mask);
-  if (error == 0 && fchmod(fd, 0666 & ~mask) != 0) error = errno;
-  if (error == 0 && fsync(fd) != 0) error = errno;
-  if (close(fd) != 0 && error == 0) error = errno;
-  if (error == 0 && rename(temporary.c_str(), target.c_str()) != 0) error = errno;
-  if (error != 0) {
-    unlink(temporary.c_str());
-    throw CommandError(kExitFailure, target + ": " + std::strerror(error));
+  std::string error;
+  if (platform::ReplaceFile(target, bytes, &error) != kOk) {
+    throw CommandError(kExitFailure, error.empty() ? target + ": write failed" : error);
   }
 }
 
