@@ -107,9 +107,33 @@ struct _xmlDoc;
 XmlResponseReader* DHVAPI_CALL CreateXmlResponseReader(const char* selection_namespaces);
 void DHVAPI_CALL DestroyXmlResponseReader(XmlResponseReader* reader);
 /* Parses a body (up to its NUL). Returns 0 and the document, 0x80004005 when
- * it is not well-formed, 0x80070057 for bad arguments. */
+ * it is not well-formed, declares a document type (DTD, entities) or is longer
+ * than the setting "internet2" "xml_max_bytes" (default 64 MiB), 0x80070057 for
+ * bad arguments. */
 DHV_RESULT DHVAPI_CALL LoadXmlResponse(XmlResponseReader* reader, const char* body,
                                        struct _xmlDoc** document);
+
+/* Amazon product search ------------------------------------------------------- */
+
+/* Signed request URLs for the album search of the product search service. The
+ * keys and the marketplace come from the settings group "AmazonSearch"
+ * ("AccessKeyId", "SecretKey", "AssociateTag", "AwsServer" 0-5), the time from
+ * the clock. classical non-zero searches the Classical index instead of Music;
+ * response_group is a comma-separated list such as "ItemAttributes,Tracks,Images"
+ * (NULL: "ItemAttributes,Tracks"). Each returns a malloc'ed URL, or NULL when
+ * the text is NULL or memory runs out. */
+char* DHVAPI_CALL LookupItemInIndex(const char* barcode, int classical, const char* response_group);
+char* DHVAPI_CALL SearchAlbumsByArtist(const char* artist, int classical, int page,
+                                       const char* response_group);
+char* DHVAPI_CALL SearchAlbumsByKeywords(const char* keywords, int classical, int page,
+                                         const char* response_group);
+char* DHVAPI_CALL LookupItem(const char* asin, const char* response_group);
+
+/* Signs a request: query holds "name=value" pairs joined by "&", values already
+ * percent-encoded. Returns "http://" host "/onca/xml?" and the pairs sorted by
+ * bytes, followed by "&Signature=" and the signature, malloc'ed; NULL when an
+ * argument is NULL or memory runs out. */
+char* DHVAPI_CALL BuildSignedUrl(const char* host, const char* query, const char* secret_key);
 
 /* Backup files -------------------------------------------------------------- */
 
