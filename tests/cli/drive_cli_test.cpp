@@ -56,6 +56,13 @@ TEST_F(DriveCliTest, TocShowsTheImageAsADrive) {
   EXPECT_EQ(j["tracks"][0]["isrc"], "USABC1234567");
   EXPECT_EQ(j["tracks"][1]["frames"], 500);
 
+  // A file name that is not UTF-8 still gives JSON.
+  const auto odd = WriteCueImage(home.path(), "caf\xe9", PlainImage({0}, 300));
+  r = Run({"--json", "drive", "toc", "--device", odd.string()});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_NE(nlohmann::json::parse(r.out)["device"].get<std::string>().find("caf\ufffd.cue"),
+            std::string::npos);
+
   r = Run({"drive", "toc", "--device", unknown});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   for (const char* line :
