@@ -194,6 +194,10 @@ TEST(CdDriveTest, BadDrivesAndDamagedImagesFailWithTheirReason) {
   const CdReadResult absent = ReadCdDisc("/dev/dischive-no-such-drive");
   EXPECT_EQ(absent.error, CdError::kNoDrive);
   EXPECT_EQ(absent.message, "/dev/dischive-no-such-drive: No such file or directory");
+  // A device that is no CD drive.
+  const CdReadResult null = ReadCdDisc("/dev/null");
+  EXPECT_EQ(null.error, CdError::kNoDrive);
+  EXPECT_EQ(null.message, "/dev/null: not a CD drive");
 }
 
 }  // namespace
