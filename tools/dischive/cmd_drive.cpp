@@ -93,9 +93,12 @@ void PrintToc(const DeviceDisc& read) {
     if (!t.performer.empty()) text = t.performer + " / ";
     text += t.title;
     if (!t.isrc.empty()) text += (text.empty() ? "ISRC " : "  ISRC ") + t.isrc;
-    std::cout << fmt::format("  {:>2}. {:<5} {:>7}  {:>6}  {}\n", t.number,
-                             t.audio ? "audio" : "data", t.start_frame, Mmss(TrackFrames(disc, i)),
-                             text);
+    std::string line =
+        fmt::format("  {:>2}. {:<5} {:>7}  {:>6}  {}", t.number, t.audio ? "audio" : "data",
+                    t.start_frame, Mmss(TrackFrames(disc, i)), text);
+    while (line.back() == ' ')
+      line.pop_back();
+    std::cout << line << '\n';
   }
 }
 

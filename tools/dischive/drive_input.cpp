@@ -31,7 +31,17 @@ DeviceDisc ReadDevice(const std::string& path, const Context& context) {
 
 void AddDeviceDisc(const std::string& path, const Context& context, std::vector<DiscToc>& discs,
                    DiscCdTexts& cd_texts) {
-  DeviceDisc read = ReadDevice(path, context);
+  std::string device = path;
+  if (device.empty()) {
+    try {
+      device = DefaultDevice(context);
+    } catch (const CommandError& e) {
+      throw CommandError(e.exit_code(), std::string(e.what()) +
+                                            "; or give the disc as --offsets with --length, "
+                                            "--cue FILE with --length, or --disc LINE");
+    }
+  }
+  DeviceDisc read = ReadDevice(device, context);
   if (read.disc.has_cd_text) cd_texts[discs.size()] = MetadataFromCdText(read.disc);
   discs.push_back(read.toc);
 }
