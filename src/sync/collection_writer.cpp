@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
-#include <fstream>
 #include <system_error>
 
 #include "dischive/codec.h"
@@ -12,7 +11,7 @@
 #include "dischive/cover.h"
 #include "dischive/date.h"
 #include "dischive/errors.h"
-#include "dischive/random_id.h"
+#include "platform/replace_file.h"
 #include "util/parse.h"
 
 namespace dischive {
@@ -678,25 +677,11 @@ std::string CollectionWriter::CoverHashFor(const AlbumRecord& album) {
       const std::filesystem::path file = dir / (hash + ".jpg");
       std::error_code ec;
       if (!std::filesystem::exists(file, ec)) {
-        // Written under a temporary name first so that a reader never sees a
-        // partial file under the final one.
+        // Replaced as a whole so that a reader never sees a partial file.
         std::filesystem::create_directories(dir, ec);
-        const std::filesystem::path temp = dir / (hash + ".jpg." + NewRandomIdentifier() + ".tmp");
-        bool written = false;
-        {
-          std::ofstream out(temp, std::ios::binary | std::ios::trunc);
-          out.write(cover.bytes.data(), static_cast<std::streamsize>(cover.bytes.size()));
-          out.close();
-          written = static_cast<bool>(out);
-        }
-        if (written) {
-          std::filesystem::rename(temp, file, ec);
-          written = !ec;
-        }
-        if (written) {
+        if (platform::ReplaceFile(file, cover.bytes) == kOk) {
           ++stats_.covers_stored;
         } else {
-          std::filesystem::remove(temp, ec);
           ++stats_.cover_store_errors;
         }
       }
