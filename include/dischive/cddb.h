@@ -51,6 +51,13 @@ inline uint32_t ComputeFreedbDiscId(const DiscToc& toc) {
 /// that ends before the last track starts.
 std::optional<DiscToc> MakeDiscToc(const std::vector<uint32_t>& frame_offsets,
                                    uint32_t disc_length_seconds, std::string* error);
+/// The same from the lead-out frame (the end of the last track, with the
+/// lead-in), as a drive reports it: the disc length is the lead-out in whole
+/// seconds.
+std::optional<DiscToc> MakeDiscTocFromLeadOut(const std::vector<uint32_t>& frame_offsets,
+                                              uint32_t lead_out_frame, std::string* error);
+/// The line cd-discid prints for a table of contents: "discid n off1 ... offN seconds".
+std::string FormatDiscIdLine(const DiscToc& toc);
 /// The one-line form cd-discid prints: "discid ntracks off1 ... offN seconds".
 /// The disc id is computed from the offsets; *stated_id receives the line's own.
 std::optional<DiscToc> ParseDiscIdLine(std::string_view line, std::string* error,

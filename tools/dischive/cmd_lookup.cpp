@@ -16,6 +16,7 @@
 #include "dischive/host.h"
 #include "dischive/strings.h"
 #include "dischive/text.h"
+#include "drive_input.h"
 #include "progress.h"
 #include "util/frame_time.h"
 #include "util/parse.h"
@@ -31,6 +32,7 @@ struct Options {
   int64_t length = -1;               // seconds
   std::string cue_path;
   std::vector<std::string> disc_lines;  // cd-discid lines
+  std::vector<std::string> devices;     // CD drives or disc images
   std::string protocol;                 // "http", "cddbp" or "" (the setting)
   int choose = 0;                       // 1-based, 0 = ask
   bool first = false;
@@ -64,7 +66,8 @@ uint32_t RequireLength(const Options& options, const char* what) {
   return static_cast<uint32_t>(options.length);
 }
 
-std::vector<DiscToc> CollectDiscs(const Options& options, const Context& context) {
+std::vector<DiscToc> CollectDiscs(const Options& options, const Context& context,
+                                  DiscCdTexts& cd_texts) {
   std::vector<DiscToc> discs;
   std::string error;
   if (!options.offsets.empty()) {
@@ -93,11 +96,10 @@ std::vector<DiscToc> CollectDiscs(const Options& options, const Context& context
     }
     discs.push_back(*toc);
   }
-  if (discs.empty()) {
-    throw CommandError(kExitUsage,
-                       "give a disc: --offsets with --length, --cue FILE with "
-                       "--length, or --disc \"discid n off1 ... offN seconds\"");
-  }
+  for (const std::string& device : options.devices)
+    AddDeviceDisc(device, context, discs, cd_texts);
+  // No disc named: the one in the default drive.
+  if (discs.empty()) AddDeviceDisc("", context, discs, cd_texts);
   context.Note(fmt::format("{} disc(s) to look up", discs.size()));
   return discs;
 }
@@ -187,12 +189,14 @@ void PrintDiscText(const DiscRecord& disc, size_t index, size_t count, const std
                              m.Text(field::kTrackTitle, t.number).value_or(""),
                              FrameTime(t.frames, TimeStyle::kMinutes).text());
   }
+  if (!note.empty()) std::cout << "Note:     " << note << '\n';
   if (!album_id.empty()) std::cout << "Saved as album " << album_id << '\n';
 }
 
 int RunLookup(const Options& options, Context& context) {
   std::vector<DiscRecord> discs;
-  for (const DiscToc& toc : CollectDiscs(options, context))
+  DiscCdTexts cd_texts;
+  for (const DiscToc& toc : CollectDiscs(options, context, cd_texts))
     discs.push_back({toc, {}, kOk});
   const std::string protocol =
       !options.protocol.empty()
@@ -268,6 +272,7 @@ int RunLookup(const Options& options, Context& context) {
   bar.Finish();
   if (!transcript.empty()) std::cerr << transcript;
 
+  OfferCdText(discs, cd_texts, notes);
   std::vector<std::string> album_ids(discs.size());
   HResult first_failure = kOk;
   bool choice_missing = false;
@@ -311,7 +316,10 @@ void Setup(CLI::App& app, Context& context) {
       "lookup",
       "Look audio CDs up in freedb and print artist, title, year, genre and tracks.\n"
       "Give each disc as --offsets with --length, as --cue FILE with --length, or as the\n"
-      "line cd-discid prints (--disc, repeatable for a set of discs).");
+      "line cd-discid prints (--disc, repeatable for a set of discs), or as a CD drive or\n"
+      "disc image (--device, repeatable). With no disc given, the disc in the drive\n"
+      "Drive.Device (else the first drive found) is read. When freedb has no entry and\n"
+      "the disc carries CD-Text, the CD-Text is given as the result.");
   cmd->add_option("--offsets", options.offsets,
                   "Track start offsets in frames (1/75 s, with the 150-frame lead-in), "
                   "comma separated")
@@ -322,6 +330,9 @@ void Setup(CLI::App& app, Context& context) {
   cmd->add_option("--disc", options.disc_lines,
                   "A disc as cd-discid prints it: \"discid n off1 ... offN seconds\"")
       ->type_name("LINE");
+  cmd->add_option("--device", options.devices,
+                  "A CD drive (/dev/sr0) or disc image (.cue, .toc, .nrg) to read the disc from")
+      ->type_name("PATH|IMAGE");
   cmd->add_option("--protocol", options.protocol,
                   "http (default) or cddbp; the default comes from internet2.lookup_protocol")
       ->check(CLI::IsMember({"http", "cddbp"}));
