@@ -2,11 +2,19 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -131,6 +139,50 @@ TEST(CrashReportTest, DumpsShowUnreadableBytesAsQuestionMarks) {
   }
   ::munmap(base, 2 * page);
 }
+
+#if defined(__x86_64__)
+TEST(CrashReportTest, DumpsStillWorkWhereProcessVmReadvIsRefused) {
+  // Container seccomp profiles often refuse process_vm_readv; the reader then
+  // copies through a pipe. A child refuses the call to itself and dumps a
+  // readable and an unreadable line; its exit code says what it saw.
+  static char text[16] = "fallback, pipe!";
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_process_vm_readv, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog program{static_cast<unsigned short>(std::size(filter)), filter};
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+      ::_exit(3);
+    }
+    char copy[16];
+    iovec local{copy, sizeof(copy)}, remote{text, sizeof(text)};
+    if (::process_vm_readv(::getpid(), &local, 1, &remote, 1, 0) != -1 || errno != EPERM) {
+      ::_exit(4);
+    }
+    const auto at = reinterpret_cast<uintptr_t>(text);
+    diag::MemoryReader reader;
+    const std::string dump = Capture([&](diag::ReportSink& sink) {
+      diag::DumpMemory(sink, reader, at, 16, 1);
+      sink.Char('|');
+      diag::DumpMemory(sink, reader, 0, 16, 1);
+    });
+    const std::string expected = Hex16(at) +
+                                 " : 6661 6c6c 6261 636b 2c20 7069 7065 2100  : fallback, pipe!." +
+                                 "|" + Hex16(0) + kUnreadableLine;
+    ::_exit(dump == expected ? 0 : 5);
+  }
+  ASSERT_GT(pid, 0);
+  int status = 0;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "3: no filter, 4: call not refused, 5: wrong dump";
+}
+#endif
 
 TEST(CrashReportTest, ModuleVersionIsTheBuildIdOfTheLoadedImage) {
   // The test program itself is mapped from offset 0; its build-id note is
@@ -476,6 +528,61 @@ TEST(CrashReportTest, PreviousHandlerRunsAfterTheReport) {
 #else
   EXPECT_TRUE(WIFSIGNALED(child.status) && WTERMSIG(child.status) == SIGSEGV);
 #endif
+}
+
+TEST(CrashReportTest, CliLeavesAReportWhenItDiesOfAFaultSignal) {
+  // The program waits for a loopback server that accepts and never answers;
+  // once it has connected, it is sent SIGABRT.
+  TempDir home;
+  const int server = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_GE(server, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof(address);
+  ASSERT_EQ(::bind(server, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  ASSERT_EQ(::listen(server, 1), 0);
+  ASSERT_EQ(::getsockname(server, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  std::string url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
+
+  std::vector<std::string> entries = {
+      "HOME=" + home.path().string(), "XDG_STATE_HOME=" + (home / "state").string(),
+      "XDG_CONFIG_HOME=" + (home / "config").string(), "XDG_DATA_HOME=" + (home / "data").string(),
+      "XDG_CACHE_HOME=" + (home / "cache").string()};
+  for (char** e = environ; *e != nullptr; ++e)
+    if (std::strncmp(*e, "ASAN_OPTIONS=", 13) == 0 || std::strncmp(*e, "PATH=", 5) == 0)
+      entries.emplace_back(*e);
+  std::vector<char*> envp;
+  for (std::string& entry : entries)
+    envp.push_back(entry.data());
+  envp.push_back(nullptr);
+  std::string program = DISCHIVE_CLI_PATH;
+  char http[] = "http", get[] = "get";
+  char* argv[] = {program.data(), http, get, url.data(), nullptr};
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  pid_t pid = -1;
+  ASSERT_EQ(::posix_spawn(&pid, argv[0], &actions, nullptr, argv, envp.data()), 0);
+  posix_spawn_file_actions_destroy(&actions);
+
+  pollfd ready{server, POLLIN, 0};
+  const bool connected = ::poll(&ready, 1, 5000) == 1;
+  const int connection = connected ? ::accept(server, nullptr, nullptr) : -1;
+  ::kill(pid, SIGABRT);
+  const ChildResult child = Watch(pid, -1);
+  if (connection >= 0) ::close(connection);
+  ::close(server);
+  ASSERT_TRUE(connected) << "the program never connected";
+  ASSERT_TRUE(child.finished);
+  EXPECT_TRUE(WIFSIGNALED(child.status) && WTERMSIG(child.status) == SIGABRT) << child.status;
+  const std::string report = test::ReadFile(home / "state" / "Brightfern" / "dischive.dmp");
+  EXPECT_EQ(report.rfind("Exception 0x40000015 Unknown Exception at 0x", 0), 0u) << report;
+  EXPECT_NE(report.find("Signal 6 SIGABRT, code 0, sent by process " + std::to_string(::getpid())),
+            std::string::npos)
+      << report;
+  EXPECT_NE(report.find(fs::canonical(DISCHIVE_CLI_PATH).string() + " : "), std::string::npos);
 }
 
 }  // namespace
