@@ -37,8 +37,11 @@ char g_path_buffers[2][PATH_MAX];
 std::atomic<const char*> g_path{nullptr};
 std::mutex g_install_mutex;
 
-// The thread writing a report, so that a second failing thread waits for it.
-std::atomic<pid_t> g_writer{0};
+// One report per process, the first failure's: a handler that runs after ours
+// and ends in abort() (as sanitizers do) must not replace it, and a second
+// failing thread waits until it is written.
+std::atomic<bool> g_report_started{false};
+std::atomic<bool> g_report_finished{false};
 
 int SignalIndex(int signo) {
   for (size_t i = 0; i < kSignalCount; ++i)
@@ -110,28 +113,27 @@ int OpenReport(const char* path) {
   return fd;
 }
 
-void WaitForOtherWriter() {
-  // Another thread is writing the report and will end the process; give it
-  // up to ten seconds.
-  timespec pause{0, 10 * 1000 * 1000};
-  for (int i = 0; i < 1000; ++i)
+void WaitForReport() {
+  // The thread writing the report ends the process when it is done; give it
+  // up to ten seconds, then carry on dying without a report of our own.
+  const timespec pause{0, 10 * 1000 * 1000};
+  for (int i = 0; i < 1000 && !g_report_finished.load(); ++i)
     ::nanosleep(&pause, nullptr);
 }
 
 void CrashHandler(int signo, siginfo_t* info, void* context) {
   const int saved_errno = errno;
   const int index = SignalIndex(signo);
-  pid_t expected = 0;
-  const pid_t self = ::gettid();
-  if (g_writer.compare_exchange_strong(expected, self)) {
+  if (!g_report_started.exchange(true)) {
     const char* path = g_path.load();
     const int fd = path != nullptr ? OpenReport(path) : -1;
     if (fd >= 0) {
       diag::WriteCrashReport(fd, signo, info, context);
       ::close(fd);
     }
-  } else if (expected != self) {
-    WaitForOtherWriter();
+    g_report_finished.store(true);
+  } else {
+    WaitForReport();
   }
   // Let the failure continue as if no reporter had been there.
   if (index >= 0) ::sigaction(signo, &g_previous[index], nullptr);

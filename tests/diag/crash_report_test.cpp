@@ -371,7 +371,7 @@ TEST(CrashReportTest, EveryKindOfCrashLeavesACompleteReportAndDiesByItsSignal) {
     const char* exception;
     int runs;
   } const kinds[] = {
-      {"null", SIGSEGV, "EXCEPTION_ACCESS_VIOLATION", 25},
+      {"null", SIGSEGV, "EXCEPTION_ACCESS_VIOLATION", 20},
       {"wild", SIGSEGV, "EXCEPTION_ACCESS_VIOLATION", 20},
       {"divide", SIGFPE, "EXCEPTION_INT_DIVIDE_BY_ZERO", 20},
       {"illegal", SIGILL, "EXCEPTION_ILLEGAL_INSTRUCTION", 20},
@@ -382,6 +382,7 @@ TEST(CrashReportTest, EveryKindOfCrashLeavesACompleteReportAndDiesByItsSignal) {
       {"thread", SIGSEGV, "EXCEPTION_ACCESS_VIOLATION", 20},
       {"thread-recursion", SIGSEGV, "EXCEPTION_STACK_OVERFLOW", 15},
       {"malloc", SIGSEGV, "EXCEPTION_ACCESS_VIOLATION", 20},
+      {"two-threads", SIGSEGV, "EXCEPTION_ACCESS_VIOLATION", 5},
   };
   TempDir dir;
   const fs::path report_path = dir / "state" / "Brightfern" / "dischive.dmp";

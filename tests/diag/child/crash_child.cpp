@@ -74,6 +74,22 @@ void BusError() {
   std::exit(4);  // not reached
 }
 
+// Two threads fail at the same moment: one report, written whole.
+[[noreturn]] void CrashInTwoThreads() {
+  std::atomic<int> ready{0};
+  auto crash = [&ready] {
+    dischive::ThreadSignalStack stack;
+    ready.fetch_add(1);
+    while (ready.load() < 2) {
+    }
+    NullDereference();
+  };
+  std::thread first(crash), second(crash);
+  first.join();
+  second.join();
+  std::exit(4);  // not reached
+}
+
 void StackOverflow() {
   Recurse(0);
 }
@@ -118,6 +134,7 @@ int main(int argc, char** argv) {
   if (kind == "thread") CrashInThread(NullDereference);
   if (kind == "thread-recursion") CrashInThread(StackOverflow);
   if (kind == "malloc") CrashWhileAllocating();
+  if (kind == "two-threads") CrashInTwoThreads();
   std::fprintf(stderr, "crash_child: no crash for \"%s\"\n", kind.c_str());
   return 6;
 }
