@@ -606,6 +606,7 @@ void WriteCrashReport(int fd, int signo, const siginfo_t* info, const void* ucon
   sink.Text("\n\n");
   WriteStack(sink, reader, state.sp);
   for (const Register& r : state.pointed) {
+    if (r.name == nullptr) continue;  // a processor whose registers are not read
     sink.Text("Memory at [");
     sink.Text(r.name);
     sink.Text("]:\n");
