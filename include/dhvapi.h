@@ -27,6 +27,23 @@ typedef uint32_t DHV_RESULT;
  * caller frees it. NULL only when memory runs out. */
 char* DHVAPI_CALL NewRecordIdentifier(void);
 
+/* Crash reports ------------------------------------------------------------- */
+
+/* Installs the crash report writer for SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT
+ * and SIGTRAP and stores in *holder what is needed to put the previous
+ * handlers back (*holder stays NULL when installing failed). A failing process
+ * writes a plain-text report to GetCrashReportPath() and then dies by its
+ * signal as before. The calling thread gets an alternate signal stack, so that
+ * a stack overflow is reported too. */
+void DHVAPI_CALL InstallCrashReporter(void** holder);
+/* Puts back the handlers that *holder keeps and sets *holder to NULL; does
+ * nothing when holder or *holder is NULL. */
+void DHVAPI_CALL RemoveCrashReporter(void** holder);
+/* The report file's full path ("$XDG_STATE_HOME/Brightfern/dischive.dmp", or
+ * "dischive.dmp" in the temporary folder when there is no state folder). The
+ * text is owned by the library. */
+const char* DHVAPI_CALL GetCrashReportPath(void);
+
 /* HTTP transport ------------------------------------------------------------ */
 
 typedef struct HttpRequest HttpRequest;

@@ -1,8 +1,12 @@
 /* Calls the C interface from C, linked against the shared library. */
+#define _POSIX_C_SOURCE 200809L
 #include <ctype.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "dhvapi.h"
 
@@ -48,8 +52,43 @@ static void test_http_texts(void) {
   free(text);
 }
 
+static void test_crash_reporter(void) {
+  char state[] = "/tmp/dhvapi_test.XXXXXX";
+  char expected[64];
+  void* holder = NULL;
+  void* first;
+  struct sigaction before, during, after;
+  struct stat st;
+  CHECK(mkdtemp(state) != NULL);
+  CHECK(setenv("XDG_STATE_HOME", state, 1) == 0);
+  sigaction(SIGSEGV, NULL, &before);
+
+  InstallCrashReporter(&holder);
+  CHECK(holder != NULL);
+  first = holder;
+  InstallCrashReporter(&holder); /* the holder keeps what came first */
+  CHECK(holder == first);
+  sigaction(SIGSEGV, NULL, &during);
+  CHECK(during.sa_sigaction != before.sa_sigaction);
+  snprintf(expected, sizeof expected, "%s/Brightfern/dischive.dmp", state);
+  CHECK(strcmp(GetCrashReportPath(), expected) == 0);
+  snprintf(expected, sizeof expected, "%s/Brightfern", state);
+  CHECK(stat(expected, &st) == 0 && S_ISDIR(st.st_mode));
+
+  RemoveCrashReporter(&holder);
+  CHECK(holder == NULL);
+  sigaction(SIGSEGV, NULL, &after);
+  CHECK(after.sa_sigaction == before.sa_sigaction);
+  RemoveCrashReporter(&holder);
+  RemoveCrashReporter(NULL);
+  InstallCrashReporter(NULL);
+  rmdir(expected);
+  rmdir(state);
+}
+
 int main(void) {
   test_identifiers();
   test_http_texts();
+  test_crash_reporter();
   return failures == 0 ? 0 : 1;
 }
