@@ -12,6 +12,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   tinyproxy curl sqlite3
   libtag1-dev
+  python3-aiosmtpd
 )
 # libtag1-dev: the tag library the reader benchmark compares against.
 # Extra tools on request: the encoders and taggers that regenerate the audio
