@@ -154,35 +154,4 @@ HResult LookupEachDisc(DiscLookupRequest& request, FreedbSource& source) {
   }
 }
 
-std::optional<HttpAddress> ParseHttpAddress(std::string_view url) {
-  HttpAddress address;
-  if (StartsWithIgnoreCase(url, "http://")) {
-    url.remove_prefix(7);
-  } else if (StartsWithIgnoreCase(url, "https://")) {
-    url.remove_prefix(8);
-    address.port = 443;
-  } else {
-    return std::nullopt;
-  }
-  const size_t slash = url.find('/');
-  std::string_view authority = url.substr(0, slash);
-  address.path = slash == std::string_view::npos ? "/" : std::string(url.substr(slash));
-  const size_t colon = authority.rfind(':');
-  if (colon != std::string_view::npos) {
-    const std::string_view digits = authority.substr(colon + 1);
-    if (digits.empty() || digits.size() > 5) return std::nullopt;
-    uint32_t port = 0;
-    for (const char c : digits) {
-      if (c < '0' || c > '9') return std::nullopt;
-      port = port * 10 + static_cast<uint32_t>(c - '0');
-    }
-    if (port == 0 || port > 65535) return std::nullopt;
-    address.port = static_cast<uint16_t>(port);
-    authority = authority.substr(0, colon);
-  }
-  if (authority.empty()) return std::nullopt;
-  address.host = authority;
-  return address;
-}
-
 }  // namespace dischive::detail

@@ -51,15 +51,6 @@ HResult LookupEachDisc(DiscLookupRequest& request, FreedbSource& source);
 std::string FreedbEmailAddress(const SettingsStore& settings);
 int FreedbProtoLevel(const SettingsStore& settings);
 
-/// The parts of an "http://host[:port]/path" address (https is taken too).
-struct HttpAddress {
-  std::string host;
-  uint16_t port = 80;
-  std::string path;
-};
-/// nullopt when the text is not such an address.
-std::optional<HttpAddress> ParseHttpAddress(std::string_view url);
-
 /// Answers of level 5 are ISO-8859-1, of level 6 UTF-8; both become UTF-8.
 std::string DecodeFreedbText(std::string_view text, int proto);
 

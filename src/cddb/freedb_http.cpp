@@ -6,6 +6,7 @@
 #include "dischive/http.h"
 #include "dischive/strings.h"
 #include "dischive/text.h"
+#include "util/url.h"
 
 namespace dischive {
 namespace {
@@ -15,7 +16,7 @@ class HttpFreedbSource : public detail::FreedbSource {
   HttpFreedbSource(const SettingsStore& settings, std::string* transcript)
       : transcript_(transcript),
         internet_(LoadInternetSettings(settings)),
-        address_(detail::ParseHttpAddress(
+        address_(ParseHttpUrl(
             settings.GetString(kFreedbSettingsGroup, "acquire_url", DefaultAcquireUrl()))),
         email_(detail::FreedbEmailAddress(settings)),
         proto_(detail::FreedbProtoLevel(settings)) {}
@@ -49,7 +50,7 @@ class HttpFreedbSource : public detail::FreedbSource {
     ApplyInternetSettings(internet_, request);
     request.server = address_->host;
     request.port = address_->port;
-    request.object = address_->path + query;
+    request.object = address_->object + query;
     request.verb = "GET";
     const HResult r = ExecuteHttpRequest(request, session_);
     if (transcript_ != nullptr) FormatHttpTranscript(*transcript_, request);
@@ -61,7 +62,7 @@ class HttpFreedbSource : public detail::FreedbSource {
 
   std::string* transcript_;
   InternetSettings internet_;
-  std::optional<detail::HttpAddress> address_;
+  std::optional<HttpUrl> address_;
   std::string email_;
   int proto_;
   HttpSession session_;

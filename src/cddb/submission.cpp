@@ -10,6 +10,8 @@
 #include "dischive/http.h"
 #include "dischive/strings.h"
 #include "dischive/text.h"
+#include "util/parse.h"
+#include "util/url.h"
 
 namespace dischive {
 namespace {
@@ -28,16 +30,12 @@ bool IsDefaultTrackTitle(std::string_view title) {
 
 // The script's answer: a decimal code at the start of the body ("200 OK, ...").
 HResult ScriptAnswerCode(std::string_view body) {
-  size_t pos = body.find_first_not_of(" \t\r\n");
-  if (pos == std::string_view::npos) return kFreedbServiceError;
-  uint32_t code = 0;
-  size_t digits = 0;
-  for (; pos < body.size() && IsDigit(body[pos]) && digits < 4; ++pos, ++digits)
-    code = code * 10 + static_cast<uint32_t>(body[pos] - '0');
-  if (digits == 0 || digits > 3 || (pos < body.size() && IsDigit(body[pos]))) {
-    return kFreedbServiceError;
-  }
-  switch (code) {
+  const size_t start = std::min(body.size(), body.find_first_not_of(" \t\r\n"));
+  body.remove_prefix(start);
+  const std::optional<uint32_t> code =
+      ParseDecimal32(body.substr(0, body.find_first_not_of("0123456789")), 999);
+  if (!code) return kFreedbServiceError;
+  switch (*code) {
     case 200:
       return kOk;
     case 500:
@@ -165,8 +163,8 @@ std::string WireEntry(const DiscSubmission& submission, std::string* subject) {
 HResult SubmitEntryByHttp(const DiscSubmission& submission, const SettingsStore& settings,
                           std::string* transcript) {
   if (const HResult r = ValidateSubmission(submission); r != kOk) return r;
-  const auto address = detail::ParseHttpAddress(
-      settings.GetString(kFreedbSettingsGroup, "submit_url", DefaultSubmitUrl()));
+  const auto address =
+      ParseHttpUrl(settings.GetString(kFreedbSettingsGroup, "submit_url", DefaultSubmitUrl()));
   if (!address) return kNotHttpAddress;
   const std::string email = detail::FreedbEmailAddress(settings);
   if (!detail::IsPlainAddress(email)) return kInvalidArgument;
@@ -175,7 +173,7 @@ HResult SubmitEntryByHttp(const DiscSubmission& submission, const SettingsStore&
   ApplyInternetSettings(LoadInternetSettings(settings), request);
   request.server = address->host;
   request.port = address->port;
-  request.object = address->path;
+  request.object = address->object;
   request.verb = "POST";
   request.deadline = detail::RequestDeadline(settings);
   request.extra_headers = fmt::sprintf(

@@ -13,6 +13,7 @@
 #include "dischive/date.h"
 #include "dischive/errors.h"
 #include "dischive/random_id.h"
+#include "util/parse.h"
 
 namespace dischive {
 namespace {
@@ -112,10 +113,9 @@ Value FileSize(const PropertyValue* value) {
     return *number != 0 ? Value().Number(static_cast<uint32_t>(*number)) : Value();
   }
   const std::string& text = std::get<std::string>(*value);
-  uint64_t size = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), size);
-  if (error != std::errc() || end != text.data() + text.size() || size == 0) return Value();
-  return Value().Number(size);
+  const std::optional<uint64_t> size = ParseDecimal(text);
+  if (!size || *size == 0) return Value();
+  return Value().Number(*size);
 }
 
 uint32_t Unsigned(const PropertySet& properties, f::FieldId id) {
