@@ -257,12 +257,65 @@ typedef struct DhvDiscLookupRequest {
   uint32_t matchByName; /* later discs: take the match equal to the held artist and title */
 } DhvDiscLookupRequest;
 
+/* freedb submission --------------------------------------------------------------
+ * Texts are UTF-8 (sent as ISO-8859-1); NULL counts as empty. */
+
+#define DHV_MAX_SUBMISSION_TRACKS 99
+
+typedef struct DhvDiscSubmission {
+  const char* category; /* one of the eleven freedb categories, lower case */
+  uint32_t discId;
+  uint32_t trackCount; /* 1 to DHV_MAX_SUBMISSION_TRACKS */
+  const char* artist;
+  const char* title;
+  const char* trackArtist[DHV_MAX_SUBMISSION_TRACKS]; /* may be NULL or empty */
+  const char* trackTitle[DHV_MAX_SUBMISSION_TRACKS];
+  const char* trackExtended[DHV_MAX_SUBMISSION_TRACKS];
+  /* Track starts in frames, then the lead-out in the slot after the last track. */
+  uint32_t frameOffsets[DHV_MAX_SUBMISSION_TRACKS + 1];
+  int32_t revision;
+  int32_t year;
+  const char* extended;
+  int32_t hasYearAndGenre; /* 0: no DYEAR and DGENRE lines */
+  const char* genre;
+  uint32_t discLengthSeconds;
+} DhvDiscSubmission;
+
+typedef struct DhvSubmissionRecord {
+  DhvDiscSubmission entry;
+  DHV_RESULT result; /* written by the submission: 0 when the server took it */
+} DhvSubmissionRecord;
+
+/* The request a submission shares with the host, as a lookup's: the lock
+ * guards every look at it; the host sets `submissions` to NULL under the lock
+ * to abandon the request. */
+typedef struct DhvSubmitRequest {
+  DhvLockCallback lock;
+  DhvLockCallback unlock;
+  void* lockContext;
+  DhvSubmissionRecord* submissions;
+  uint32_t submissionCount;
+  void* owner; /* passed to post */
+  DhvPostCallback post;
+  uint32_t progressMessage; /* wparam: 0, or index | count << 16 for several entries */
+} DhvSubmitRequest;
+
 /* Looks the discs up over HTTP (settings "acquire_url", "email_address"). Returns
  * 0, 0x80004004 when abandoned, 0x80070057 for a bad request; each disc's
  * outcome is in its record. */
 DHV_RESULT DHVAPI_CALL LookupDiscsFreedb(DhvDiscLookupRequest* request);
 /* The same over the CDDB socket protocol ("cddb_server", "cddb_port"). */
 DHV_RESULT DHVAPI_CALL LookupDiscsCddbp(DhvDiscLookupRequest* request);
+
+/* Submits each entry of request->submissions by mail through "smtp_server" to
+ * "smtp_submit_address", storing each entry's result (0, 0x8111000C invalid,
+ * 0x81110012 bad category, 0x81110007-0x8111000B the SMTP step refused).
+ * Returns 0, 0x80004004 when abandoned, 0x80070057 for a NULL request. */
+DHV_RESULT DHVAPI_CALL SubmitByMail(DhvSubmitRequest* request);
+/* The same by HTTP POST to "submit_url" (results 0x81110010 for a status other
+ * than 200, 0x8111000D/0x8111000E for the script's 500/501, 0x81110002 for
+ * another answer, 0x800C0002 when submit_url is not an http address). */
+DHV_RESULT DHVAPI_CALL SubmitByHttp(DhvSubmitRequest* request);
 
 #ifdef __cplusplus
 }

@@ -13,6 +13,7 @@ packages=(
   tinyproxy curl sqlite3
   libtag1-dev
   libcdio-dev
+  python3-aiosmtpd
 )
 # libtag1-dev: the tag library the reader benchmark compares against.
 # libcdio-dev: CD drives and disc images (cue/bin, cdrdao .toc, nrg).

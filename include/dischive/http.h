@@ -79,8 +79,11 @@ struct HttpRequest {
   // Limits.
   std::chrono::milliseconds connect_timeout{60000};
   std::chrono::milliseconds receive_timeout{30000};  ///< longest time without data
-  size_t max_body = size_t{64} << 20;                ///< a longer body ends the request
-  HttpProgress progress;                             ///< optional; called as the body arrives
+  /// The whole exchange, connecting included; 0: no limit beyond the two above.
+  /// Passing it ends the request with 12002, as a time-out does.
+  std::chrono::milliseconds deadline{0};
+  size_t max_body = size_t{64} << 20;  ///< a longer body ends the request
+  HttpProgress progress;               ///< optional; called as the body arrives
 
   // The response.
   std::string sent_headers;      ///< raw request headers as sent, CR LF separated

@@ -312,6 +312,9 @@ void Configure(CURL* curl, const HttpSession::Impl& session, const HttpRequest& 
   curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, kReceiveBufferSize);
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS,
                    static_cast<long>(request.connect_timeout.count()));
+  if (request.deadline.count() > 0) {
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(request.deadline.count()));
+  }
   const auto largest = static_cast<size_t>(std::numeric_limits<curl_off_t>::max());
   curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE,
                    static_cast<curl_off_t>(std::min(request.max_body, largest)));
