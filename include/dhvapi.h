@@ -254,7 +254,8 @@ typedef struct DhvLookupRequestOps {
   void(DHVAPI_CALL* prepare)(DhvLookupRequest* request);
   /* The URL to fetch (http or https); copied at once. */
   const char*(DHVAPI_CALL* getUrl)(DhvLookupRequest* request);
-  /* The window to report to; NULL makes the request thread delete it. */
+  /* The window to report to, asked on the request's thread; NULL makes that
+   * thread delete the request. */
   const DhvHostWindow*(DHVAPI_CALL* getOwnerWindow)(DhvLookupRequest* request);
   /* The message number handed to post. */
   uint32_t(DHVAPI_CALL* getMessageId)(DhvLookupRequest* request);

@@ -87,6 +87,14 @@ class BatchRun {
         return kAborted;
       }
       window_->pump(std::chrono::milliseconds(20));
+      if (worker_.IsWorkerIdle() && finished_ < discs_.size()) {
+        // Nothing runs and discs are open: a request went missing. Never wait
+        // for ever on it.
+        for (size_t i = 0; i < discs_.size(); ++i) {
+          if (!done_[i]) discs_[i].result = kFreedbServiceError;
+        }
+        break;
+      }
     }
     return kOk;
   }

@@ -319,6 +319,9 @@ int RunMultiGet(const MultiGetOptions& options, Context& context) {
   if (context.json) PrintJson(Json{{"cancelled", cancelled}, {"downloads", std::move(all)}});
   std::cout.flush();
   if (cancelled) {
+    // Requests that were on the wire finish and are discarded; let them end
+    // before the program does.
+    LookupWorker::WaitForThreads(std::chrono::seconds(10));
     const auto finished =
         std::count_if(downloads.begin(), downloads.end(), [](const Download& d) { return d.done; });
     throw CommandError(kExitCancelled, fmt::format("cancelled after {} of {} downloads", finished,

@@ -18,6 +18,7 @@
 #include "dischive/cddb.h"
 #include "dischive/disc_lookup_driver.h"
 #include "dischive/host.h"
+#include "dischive/lookup_worker.h"
 #include "dischive/strings.h"
 #include "dischive/text.h"
 #include "interrupt.h"
@@ -496,6 +497,9 @@ int RunBatch(const Options& options, Context& context) {
   for (size_t n = 0; n < lines.size(); ++n)
     bad_line |= disc_of_line[n] == SIZE_MAX;
   if (outcome == kAborted) {
+    // Requests that were on the wire finish and are discarded; let them end
+    // before the program does.
+    LookupWorker::WaitForThreads(std::chrono::seconds(10));
     const auto finished = std::count_if(discs.begin(), discs.end(),
                                         [](const BatchDisc& d) { return d.result != kAborted; });
     throw CommandError(kExitCancelled,

@@ -21,6 +21,8 @@ InterruptGuard::InterruptGuard() {
   g_interrupted = 0;
   struct sigaction action {};
   action.sa_handler = &OnInterrupt;
+  // A second Ctrl-C ends the program at once.
+  action.sa_flags = SA_RESETHAND;
   sigemptyset(&action.sa_mask);
   sigaction(SIGINT, &action, &g_old_int);
   sigaction(SIGTERM, &action, &g_old_term);

@@ -1,6 +1,7 @@
 // Ctrl-C during long work: while an InterruptGuard lives, SIGINT (and SIGTERM)
 // only raise a flag that the work polls, so that it can cancel cleanly, say
-// what was done and exit with the "cancelled" code.
+// what was done and exit with the "cancelled" code. A second Ctrl-C ends the
+// program at once.
 #pragma once
 
 namespace dischive::cli {
