@@ -2,8 +2,17 @@
 
 #include <fmt/format.h>
 
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <fcntl.h>
+
+#include <atomic>
+#include <chrono>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <thread>
 
 #include "dischive/cddb.h"
 #include "support/fake_freedb.h"
@@ -119,6 +128,74 @@ TEST(LookupBatchCliTest, HundredDiscsGiveOneResultEachInOrder) {
   EXPECT_EQ(missing.exit_code, 1);
   EXPECT_NE(missing.err.find("none.txt: No such file or directory"), std::string::npos)
       << missing.err;
+}
+
+// Ctrl-C in the middle of a batch: the discs done so far are printed, the rest
+// are reported as cancelled, and the exit code is 5.
+TEST(LookupBatchCliTest, InterruptCancelsAndReportsWhatWasDone) {
+  TempDir home;
+  auto db = std::make_shared<FakeFreedbDatabase>();
+  const std::vector<BatchDiscCase> discs = MakeDiscs(*db);
+  FakeFreedbHttpServer http{db};
+  std::atomic<int> answered{0};
+  http.SetOverride([&](const std::string&) -> std::optional<std::string> {
+    ++answered;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    return std::nullopt;
+  });
+  std::string batch;
+  for (size_t i = 0; i < 20; ++i)
+    batch += DiscLine(discs[i].toc);
+  WriteFile(home / "batch.txt", batch);
+  WriteFile(
+      home / "config" / "dischive" / "dischive.ini",
+      "[internet2]\npreconfig_http_proxy=0\nmin_interval_ms=0\nacquire_url=" + http.url() + "\n");
+
+  std::vector<std::string> env = {"XDG_CONFIG_HOME=" + (home / "config").string(),
+                                  "XDG_DATA_HOME=" + (home / "data").string(),
+                                  "HOME=" + home.path().string()};
+  for (const char* keep : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
+    if (const char* v = std::getenv(keep)) env.push_back(std::string(keep) + "=" + v);
+  }
+  std::vector<std::string> args = {
+      DISCHIVE_CLI_PATH, "lookup", "--batch", (home / "batch.txt").string(), "--jobs", "1"};
+  std::vector<char*> argv, envp;
+  for (std::string& a : args)
+    argv.push_back(a.data());
+  argv.push_back(nullptr);
+  for (std::string& e : env)
+    envp.push_back(e.data());
+  envp.push_back(nullptr);
+  posix_spawn_file_actions_t files;
+  posix_spawn_file_actions_init(&files);
+  const std::string out_path = (home / "out.txt").string(), err_path = (home / "err.txt").string();
+  posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, out_path.c_str(), O_WRONLY | O_CREAT,
+                                   0600);
+  posix_spawn_file_actions_addopen(&files, STDERR_FILENO, err_path.c_str(), O_WRONLY | O_CREAT,
+                                   0600);
+  pid_t pid = 0;
+  ASSERT_EQ(posix_spawn(&pid, argv[0], &files, nullptr, argv.data(), envp.data()), 0);
+  posix_spawn_file_actions_destroy(&files);
+
+  // Interrupt once a few discs are through (at most 30 s of waiting).
+  for (int i = 0; i < 3000 && answered < 6; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_EQ(::kill(pid, SIGINT), 0);
+  int status = 0;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 5);
+  const std::string out = ReadFile(home / "out.txt");
+  EXPECT_NE(ReadFile(home / "err.txt").find("cancelled after "), std::string::npos);
+  EXPECT_NE(
+      out.find(fmt::format("1: {:08x} Artist 0 / Album 0 of songs [rock]\n", discs[0].toc.disc_id)),
+      std::string::npos)
+      << out;
+  EXPECT_NE(out.find(fmt::format("20: {:08x} Operation aborted.", discs[19].toc.disc_id)),
+            std::string::npos)
+      << out;
+  EXPECT_LT(answered, 20);
 }
 
 }  // namespace
