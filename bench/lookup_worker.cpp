@@ -27,6 +27,9 @@ class SmallServer {
  public:
   SmallServer() {
     server_.new_task_queue = [] { return new httplib::ThreadPool(16); };
+    // The answer leaves in two writes (headers, body): without this a reused
+    // connection waits for the client's delayed acknowledgement every time.
+    server_.set_tcp_nodelay(true);
     server_.Get("/small", [](const httplib::Request&, httplib::Response& res) {
       std::this_thread::sleep_for(std::chrono::microseconds(200));
       res.set_content("210 rock 0a0b0c03 The Band / First Album\n.\n", "text/plain");
@@ -132,7 +135,7 @@ BENCHMARK(BM_WorkerAgainstSequential)
     ->Arg(1)
     ->Arg(2)
     ->Arg(8)
-    ->Iterations(2)
+    ->Iterations(1)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
