@@ -1,9 +1,8 @@
 #include "dischive/settings.h"
 
-#include <cerrno>
-#include <cstdlib>
-
 #include "dischive/text.h"
+#include "util/parse.h"
+#include "util/xdg.h"
 
 namespace dischive {
 
@@ -14,31 +13,14 @@ std::optional<int32_t> ParseSettingsInt(std::string_view text) {
     negative = text.front() == '-';
     text.remove_prefix(1);
   }
-  int base = 10;
-  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-    base = 16;
-    text.remove_prefix(2);
-  }
-  if (text.empty()) return std::nullopt;
-  uint64_t value = 0;
-  for (char c : text) {
-    int digit;
-    if (c >= '0' && c <= '9') {
-      digit = c - '0';
-    } else if (base == 16 && c >= 'a' && c <= 'f') {
-      digit = c - 'a' + 10;
-    } else if (base == 16 && c >= 'A' && c <= 'F') {
-      digit = c - 'A' + 10;
-    } else {
-      return std::nullopt;
-    }
-    value = value * static_cast<uint64_t>(base) + static_cast<uint64_t>(digit);
-    if (value > 0xFFFFFFFFull) return std::nullopt;
-  }
+  const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+  const std::optional<uint64_t> value =
+      hex ? ParseHex(text.substr(2), 0xFFFFFFFFull) : ParseDecimal(text, 0xFFFFFFFFull);
+  if (!value) return std::nullopt;
   // Decimal values must fit a signed 32-bit integer; hexadecimal ones may use
   // all 32 bits (flags words such as 0x80000000 are stored that way).
-  if (base == 10 && value > (negative ? 0x80000000ull : 0x7FFFFFFFull)) return std::nullopt;
-  const auto bits = static_cast<uint32_t>(value);
+  if (!hex && *value > (negative ? 0x80000000ull : 0x7FFFFFFFull)) return std::nullopt;
+  const auto bits = static_cast<uint32_t>(*value);
   return static_cast<int32_t>(negative ? 0u - bits : bits);
 }
 
@@ -233,33 +215,17 @@ std::vector<std::pair<std::string, std::string>> OverlaySettingsStore::Entries(
 
 namespace {
 
-std::filesystem::path EnvPath(const char* name) {
-  const char* value = std::getenv(name);
-  return value != nullptr && value[0] == '/' ? std::filesystem::path(value)
-                                             : std::filesystem::path();
-}
-
 std::mutex g_settings_mutex;
 std::shared_ptr<SettingsStore> g_settings;
 
 }  // namespace
 
 std::filesystem::path DefaultSettingsPath() {
-  std::filesystem::path base = EnvPath("XDG_CONFIG_HOME");
-  if (base.empty()) {
-    const std::filesystem::path home = EnvPath("HOME");
-    base = home.empty() ? std::filesystem::path("/tmp") : home / ".config";
-  }
-  return base / "dischive" / "dischive.ini";
+  return UserFolder(XdgHome::kConfig) / "dischive.ini";
 }
 
 std::filesystem::path SystemSettingsPath() {
-  std::filesystem::path base = "/etc/xdg";
-  if (const char* dirs = std::getenv("XDG_CONFIG_DIRS"); dirs != nullptr && dirs[0] == '/') {
-    const std::string_view list(dirs);
-    base = std::filesystem::path(list.substr(0, list.find(':')));
-  }
-  return base / "dischive" / "dischive.ini";
+  return SystemConfigFolder() / "dischive.ini";
 }
 
 std::shared_ptr<SettingsStore> GlobalSettings() {

@@ -8,6 +8,8 @@
 #include "dischive/database_files.h"
 #include "dischive/date.h"
 #include "dischive/sqlite_catalog.h"
+#include "util/frame_time.h"
+#include "util/parse.h"
 
 namespace dischive::cli {
 namespace {
@@ -161,9 +163,7 @@ Json PropertiesJson(const PropertySet& properties) {
 // "m:ss", or "h:mm:ss" from an hour on, for a length in CD frames.
 std::string Duration(uint32_t frames) {
   if (frames == kUnknownFrames) return "?";
-  const uint32_t seconds = frames / 75;
-  if (seconds < 3600) return fmt::format("{}:{:02}", seconds / 60, seconds % 60);
-  return fmt::format("{}:{:02}:{:02}", seconds / 3600, seconds / 60 % 60, seconds % 60);
+  return FrameTime(frames, TimeStyle::kHours).str();
 }
 
 std::string JoinNames(const std::vector<std::string>& names) {
@@ -283,8 +283,9 @@ void Setup(CLI::App& app, Context& context) {
   AddDatabaseOption(create, db_path);
   create->callback([&context] {
     context.action = [&context] {
-      const std::filesystem::path path =
-          db_path.empty() ? DefaultCliDatabase(context) : std::filesystem::path(db_path);
+      const std::filesystem::path path = db_path.empty()
+                                             ? DefaultDatabasePath(context.settings.get())
+                                             : std::filesystem::path(db_path);
       std::error_code ec;
       if (std::filesystem::exists(path, ec)) {
         throw CommandError(kExitFailure, path.string() + " already exists");
@@ -382,10 +383,9 @@ void Setup(CLI::App& app, Context& context) {
     context.action = [&context] {
       auto engine = OpenCliCatalog(context, db_path, false);
       std::optional<AlbumRecord> album = engine->ReadAlbum(album_id);
-      if (!album && album_id.size() <= 8 && !album_id.empty() &&
-          album_id.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos) {
-        const auto record_id = static_cast<uint32_t>(std::stoul(album_id, nullptr, 16));
-        if (std::optional<std::string> owner = engine->FindAlbumOfVolume(record_id)) {
+      const std::optional<uint32_t> record_id = ParseHex32(album_id);
+      if (!album && record_id) {
+        if (std::optional<std::string> owner = engine->FindAlbumOfVolume(*record_id)) {
           album = engine->ReadAlbum(*owner);
         }
       }

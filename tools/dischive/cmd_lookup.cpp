@@ -23,6 +23,8 @@
 #include "dischive/text.h"
 #include "interrupt.h"
 #include "progress.h"
+#include "util/frame_time.h"
+#include "util/parse.h"
 
 namespace dischive::cli {
 namespace {
@@ -52,11 +54,11 @@ std::vector<uint32_t> ParseOffsets(const std::vector<std::string>& items) {
     }
     std::istringstream in(item);
     for (std::string word; in >> word;) {
-      if (word.empty() || word.size() > 9 ||
-          word.find_first_not_of("0123456789") != std::string::npos) {
+      const std::optional<uint32_t> offset = ParseDecimal32(word, 999'999'999);
+      if (!offset) {
         throw CommandError(kExitUsage, "--offsets: \"" + word + "\" is not a frame offset");
       }
-      offsets.push_back(static_cast<uint32_t>(std::stoul(word)));
+      offsets.push_back(*offset);
     }
   }
   return offsets;
@@ -122,23 +124,14 @@ intptr_t AskOnTerminal(MatchChoice& choice, size_t disc, size_t count) {
     std::cerr << fmt::format("Entry to read (1-{}, 0 to cancel): ", choice.count) << std::flush;
     std::string line;
     if (!std::getline(std::cin, line)) return 0;
-    unsigned long n = 0;
-    try {
-      n = std::stoul(line);
-    } catch (const std::exception&) {
-      continue;
-    }
-    if (n == 0) return 0;
-    if (n <= choice.count) {
-      choice.chosen = static_cast<uint32_t>(n - 1);
+    const std::optional<uint32_t> n = ParseDecimal32(TrimBlanks(line));
+    if (!n) continue;
+    if (*n == 0) return 0;
+    if (*n <= choice.count) {
+      choice.chosen = *n - 1;
       return 1;
     }
   }
-}
-
-std::string Mmss(uint64_t frames) {
-  const uint64_t seconds = frames / 75;
-  return fmt::format("{}:{:02}", seconds / 60, seconds % 60);
 }
 
 Json DiscJson(const DiscRecord& disc, const std::string& note, const std::string& album_id) {
@@ -199,7 +192,8 @@ void PrintDiscText(const DiscRecord& disc, size_t index, size_t count, const std
     const std::string artist = m.Text(field::kArtist, t.number).value_or("");
     std::cout << fmt::format("  {:>2}. {}{}  ({})\n", t.number,
                              artist.empty() ? std::string() : artist + " / ",
-                             m.Text(field::kTrackTitle, t.number).value_or(""), Mmss(t.frames));
+                             m.Text(field::kTrackTitle, t.number).value_or(""),
+                             FrameTime(t.frames, TimeStyle::kMinutes).text());
   }
   if (!album_id.empty()) std::cout << "Saved as album " << album_id << '\n';
 }
@@ -334,9 +328,10 @@ std::optional<DiscToc> ParseBatchLine(std::string_view line, std::string& error)
     return ParseDiscIdLine(line, &error);
   }
   const size_t blank = line.find_last_of(" \t");
-  const std::string_view seconds = blank == std::string_view::npos ? "" : line.substr(blank + 1);
-  if (seconds.empty() || seconds.size() > 7 ||
-      seconds.find_first_not_of("0123456789") != std::string_view::npos) {
+  const std::optional<uint32_t> seconds = blank == std::string_view::npos
+                                              ? std::nullopt
+                                              : ParseDecimal32(line.substr(blank + 1), 0xFFFFFF);
+  if (!seconds) {
     error = "expected \"discid n off1 ... offN seconds\" or \"CUE-FILE SECONDS\"";
     return std::nullopt;
   }
@@ -348,8 +343,7 @@ std::optional<DiscToc> ParseBatchLine(std::string_view line, std::string& error)
   }
   std::stringstream text;
   text << in.rdbuf();
-  auto toc =
-      ParseCueSheet(text.str(), static_cast<uint32_t>(std::stoul(std::string(seconds))), &error);
+  auto toc = ParseCueSheet(text.str(), *seconds, &error);
   if (!toc) error = path + ": " + error;
   return toc;
 }
