@@ -19,6 +19,7 @@
 #include <set>
 #include <thread>
 
+#include "catalog/album_merge.h"
 #include "catalog/record_codec.h"
 #include "catalog/sqlite_db.h"
 #include "dischive/database_files.h"
@@ -441,7 +442,7 @@ class SqliteCatalog final : public CatalogEngine {
     std::unique_lock lock(mutex_);
     if (const HResult refused = CheckWritable(lock); refused != kOk) return refused;
     return Guard([&] {
-      Validate(album);
+      if (auto problem = catalog::AlbumProblem(album)) throw Refusal{kInvalidArgument, *problem};
       Transaction transaction(db_);
       const uint32_t now = Now();
       std::optional<int64_t> aid;
@@ -465,7 +466,7 @@ class SqliteCatalog final : public CatalogEngine {
       const AlbumRecord* written = &album;
       if (exists && mode == WriteMode::kMerge) {
         merged = std::move(stored);
-        MergeAlbum(merged, album);
+        catalog::MergeAlbum(merged, album);
         written = &merged;
       } else if (!std::all_of(album.volumes.begin(), album.volumes.end(), TracksSorted)) {
         merged = album;
@@ -871,27 +872,6 @@ class SqliteCatalog final : public CatalogEngine {
     return kOk;
   }
 
-  static void Validate(const AlbumRecord& album) {
-    std::set<uint32_t> ids;
-    for (const VolumeRecord& v : album.volumes) {
-      if (!ids.insert(v.record_id).second) {
-        throw Refusal{kInvalidArgument,
-                      fmt::format("volume {:08X} appears twice in the album", v.record_id)};
-      }
-      std::set<uint32_t> numbers;
-      for (const TrackRecord& t : v.tracks) {
-        if (t.number == 0) {
-          throw Refusal{kInvalidArgument,
-                        fmt::format("volume {:08X}: track numbers start at 1", v.record_id)};
-        }
-        if (!numbers.insert(t.number).second) {
-          throw Refusal{kInvalidArgument, fmt::format("volume {:08X}: track {} appears twice",
-                                                      v.record_id, t.number)};
-        }
-      }
-    }
-  }
-
   [[noreturn]] void Damaged(std::string_view what) const {
     throw FatalDatabaseError(path_.string(), fmt::format("damaged record: {}", what));
   }
@@ -999,56 +979,6 @@ class SqliteCatalog final : public CatalogEngine {
   }
   static void SortTracks(VolumeRecord& v) {
     std::stable_sort(v.tracks.begin(), v.tracks.end(), TrackNumberLess);
-  }
-
-  // Merges `album` into the stored one: given properties set, others kept; a
-  // name list given non-empty replaces the stored one; volumes matched by
-  // record id (title, length and times taken when given, properties set,
-  // tracks matched by number), new volumes appended, missing ones kept.
-  static void MergeAlbum(AlbumRecord& stored, const AlbumRecord& album) {
-    for (const auto& [id, value] : album.properties.values())
-      stored.properties.Set(id, value);
-    if (!album.artists.empty() || album.various_artists) {
-      stored.artists = album.artists;
-      stored.various_artists = album.various_artists;
-    }
-    if (!album.composers.empty() || album.various_composers) {
-      stored.composers = album.composers;
-      stored.various_composers = album.various_composers;
-    }
-    for (int c = 0; c < kCreditListCount; ++c) {
-      if (!album.credits[c].empty()) stored.credits[c] = album.credits[c];
-    }
-    if (!album.lineup.empty()) stored.lineup = album.lineup;
-    for (const VolumeRecord& v : album.volumes) {
-      auto it = std::find_if(stored.volumes.begin(), stored.volumes.end(),
-                             [&v](const VolumeRecord& s) { return s.record_id == v.record_id; });
-      if (it == stored.volumes.end()) {
-        stored.volumes.push_back(v);
-      } else {
-        MergeVolume(*it, v);
-      }
-    }
-  }
-
-  static void MergeVolume(VolumeRecord& stored, const VolumeRecord& v) {
-    if (!v.title.empty()) stored.title = v.title;
-    if (v.frames != 0) stored.frames = v.frames;
-    if (v.created != 0) stored.created = v.created;
-    if (v.played != 0) stored.played = v.played;
-    for (const auto& [id, value] : v.properties.values())
-      stored.properties.Set(id, value);
-    for (const TrackRecord& t : v.tracks) {
-      auto it = std::find_if(stored.tracks.begin(), stored.tracks.end(),
-                             [&t](const TrackRecord& s) { return s.number == t.number; });
-      if (it == stored.tracks.end()) {
-        stored.tracks.push_back(t);
-        continue;
-      }
-      if (t.frames != 0) it->frames = t.frames;
-      for (const auto& [id, value] : t.properties.values())
-        it->properties.Set(id, value);
-    }
   }
 
   // A row of record_id, scan_folder, scan_stamp, scan_flags, scan_value3.
