@@ -100,3 +100,32 @@ std::string RemovableMediaLocation(const fs::path& path) {
 }
 
 }  // namespace dischive
+
+namespace dischive::detail {
+
+AlbumArtist InferAlbumArtist(const std::vector<std::string>& track_artists,
+                             std::string_view path_artist) {
+  AlbumArtist result;
+  if (EqualsIgnoreCase(path_artist, "Various Artists") ||
+      EqualsIgnoreCase(path_artist, "Various")) {
+    result.compilation = true;
+    return result;
+  }
+  const bool any_track_artist = std::any_of(track_artists.begin(), track_artists.end(),
+                                            [](const std::string& a) { return !a.empty(); });
+  if (!any_track_artist) {
+    result.artist = std::string(path_artist);
+    return result;
+  }
+  for (const std::string& artist : track_artists) {
+    if (artist.empty()) continue;
+    if (result.artist.empty()) {
+      result.artist = artist;
+    } else if (artist != result.artist) {
+      result.compilation = true;
+    }
+  }
+  return result;
+}
+
+}  // namespace dischive::detail
