@@ -5,8 +5,8 @@
 #include <iostream>
 
 #include "cli.h"
-#include "dischive/tag_readers.h"
 #include "dischive/tags.h"
+#include "scan/tag_readers.h"
 
 namespace dischive::cli {
 namespace {
