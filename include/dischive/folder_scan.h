@@ -12,7 +12,7 @@
 //    any added or removed file, changes the stamp.
 //  - the scan flags (field::kScanFlags) the folder was scanned with; only the
 //    low 28 bits (kScanFlagsCompareMask) are compared.
-//  - the scan profile (field::kScanValue3), the third value: the scanner's
+//  - the scan profile (field::kScanProfile), the third value: the scanner's
 //    format version in the top byte and a 24-bit hash of the media extension
 //    list and the per-folder settings section below it, so that a newer scanner
 //    or a different extension list rescans everything once.
@@ -222,7 +222,7 @@ class FolderScanner {
   std::unique_ptr<platform::RemovableVolumeFinder> volumes_;
 };
 
-/// The third scan value for a set of options (see above).
+/// The scan profile of a set of options (see above).
 uint32_t ScanProfile(const FolderScanOptions& options);
 
 /// The folder and its subfolders, in name order, parents before children;

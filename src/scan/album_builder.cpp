@@ -9,10 +9,10 @@
 #include "dischive/date.h"
 #include "dischive/folder_scan.h"
 #include "dischive/strings.h"
-#include "dischive/tag_readers.h"
 #include "dischive/text.h"
 #include "platform/file.h"
 #include "scan/folder_scan_internal.h"
+#include "scan/tag_readers.h"
 
 namespace dischive::detail {
 namespace {
@@ -253,7 +253,7 @@ InferredAlbum FolderScanSteps::Infer(const FolderScanner& scanner, const fs::pat
   VolumeRecord volume;
   volume.properties.Set(field::kScanStamp, static_cast<int32_t>(listing.stamp));
   volume.properties.Set(field::kScanFlags, static_cast<int32_t>(options.flags));
-  volume.properties.Set(field::kScanValue3, static_cast<int32_t>(scanner.profile_));
+  volume.properties.Set(field::kScanProfile, static_cast<int32_t>(scanner.profile_));
   volume.properties.Set(field::kScanFolder, key);
   uint64_t frames = 0;
   for (const Track& t : album.tracks) {

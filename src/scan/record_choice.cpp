@@ -93,7 +93,7 @@ bool FolderScanSteps::Unchanged(const FolderScanner& scanner, const RecordChoice
   const VolumeScanState& state = *choice.existing;
   return state.stamp == listing.stamp && state.flags &&
          (*state.flags & kScanFlagsCompareMask) == (flags & kScanFlagsCompareMask) &&
-         state.value3 == scanner.profile_;
+         state.profile == scanner.profile_;
 }
 
 }  // namespace dischive::detail
