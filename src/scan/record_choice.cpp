@@ -5,18 +5,12 @@
 
 #include "dischive/folder_scan.h"
 #include "scan/folder_scan_internal.h"
+#include "util/parse.h"
 
 namespace dischive::detail {
 namespace {
 
 namespace fs = std::filesystem;
-
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
 
 }  // namespace
 
@@ -29,7 +23,7 @@ std::optional<uint32_t> ParseRecordId(std::string_view text) {
   uint32_t value = 0;
   size_t digits = 0;
   for (; digits < text.size() && digits < 8; ++digits) {
-    const int v = HexDigit(text[digits]);
+    const int v = HexDigitValue(text[digits]);
     if (v < 0) break;
     value = value << 4 | static_cast<uint32_t>(v);
   }
