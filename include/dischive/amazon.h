@@ -171,12 +171,17 @@ HResult ParseAmazonAnswer(std::string_view body, AmazonAnswer& answer, size_t ma
 
 /// Fetches a signed URL ("http://host[:port]/path?query") through the
 /// transport with the connection settings already in `request`, and reads the
-/// answer. Returns the transport's error, kNotHttpAddress for a URL it cannot
+/// answer, within AmazonRequestDeadline unless the request sets its own
+/// deadline. Returns the transport's error, kNotHttpAddress for a URL it cannot
 /// use, kHttpStatusNotOk for a status other than 200 (with the service's error
 /// from the body in `answer` when there is one, e.g. "RequestThrottled" with
 /// 503), else the result of ParseAmazonAnswer. The body may be as long as the
 /// XML size limit.
 HResult FetchAmazonAnswer(std::string_view url, HttpRequest& request, AmazonAnswer& answer);
+
+/// How long one whole exchange with the service may take: "internet2"
+/// "request_deadline" in seconds (default 120), as for every service request.
+std::chrono::milliseconds AmazonRequestDeadline(const SettingsStore& settings);
 
 /// Puts an "http://host[:port]/object" address (or https on port 443) into the
 /// request's server, port and object; false when it is not such an address.

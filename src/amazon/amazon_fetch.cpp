@@ -3,6 +3,7 @@
 #include <string>
 
 #include "dischive/amazon.h"
+#include "dischive/cddb.h"
 #include "dischive/xml_response.h"
 #include "util/url.h"
 
@@ -17,13 +18,21 @@ bool SetRequestUrl(std::string_view url, HttpRequest& request) {
   return true;
 }
 
+std::chrono::milliseconds AmazonRequestDeadline(const SettingsStore& settings) {
+  const int32_t seconds =
+      settings.GetInt(kFreedbSettingsGroup, "request_deadline", kDefaultRequestDeadlineSeconds);
+  return std::chrono::seconds(seconds > 0 ? seconds : kDefaultRequestDeadlineSeconds);
+}
+
 HResult FetchAmazonAnswer(std::string_view url, HttpRequest& request, AmazonAnswer& answer) {
   answer = AmazonAnswer();
   if (!SetRequestUrl(url, request)) {
     answer.error_message = "not a usable http address";
     return kNotHttpAddress;
   }
-  const size_t limit = LoadXmlMaxBytes(*GlobalSettings());
+  const std::shared_ptr<SettingsStore> settings = GlobalSettings();
+  const size_t limit = LoadXmlMaxBytes(*settings);
+  if (request.deadline.count() == 0) request.deadline = AmazonRequestDeadline(*settings);
   request.verb = "GET";
   request.max_body = limit;
   const HResult result = PerformHttpRequest(request);

@@ -207,6 +207,11 @@ TEST(AmazonRequestTest, EndpointsSettingsAndBadUrls) {
   EXPECT_EQ(settings.access_key_id, "AKIA");
   EXPECT_EQ(settings.MissingKeys(), "AmazonSearch.AssociateTag");
   EXPECT_EQ(settings.host(), "webservices.amazon.de");
+  EXPECT_EQ(AmazonRequestDeadline(store), seconds(120));
+  store.SetInt("internet2", "request_deadline", 5);
+  EXPECT_EQ(AmazonRequestDeadline(store), seconds(5));
+  store.SetInt("internet2", "request_deadline", -5);
+  EXPECT_EQ(AmazonRequestDeadline(store), seconds(120));
   store.SetString("AmazonSearch", "AwsHost", "127.0.0.1:8080");
   EXPECT_EQ(LoadAmazonSettings(store).host(), "127.0.0.1:8080");
 

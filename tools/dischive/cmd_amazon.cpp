@@ -240,6 +240,7 @@ int RunCover(const Context& context) {
     throw CommandError(kExitNetwork, "cover " + options.text + ": unusable image address " + image);
   }
   request.max_body = size_t{32} << 20;
+  request.deadline = AmazonRequestDeadline(*context.settings);
   context.Note("GET " + image);
   ProgressBar bar("Downloading", 0, context.stderr_is_terminal && !context.json);
   request.progress = [&bar](uint64_t received, uint64_t expected) {
