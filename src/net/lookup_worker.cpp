@@ -3,6 +3,7 @@
 // touches only its own request, its mailbox and the process-wide time of the
 // last finished request, so the slots and the queue need no lock.
 #include "dischive/lookup_worker.h"
+#include "dischive/crash_report.h"
 
 #include <curl/curl.h>
 #include <fmt/printf.h>
@@ -186,6 +187,7 @@ bool LookupWorker::Start(std::unique_ptr<LookupRequest>& request, Slot& slot) {
   LookupRequest* const raw = request.release();
   try {
     std::thread([raw, mailbox] {
+      const ThreadSignalStack signal_stack;  // so a crash here is reported too
       RunRequest(std::unique_ptr<LookupRequest>(raw), mailbox);
       std::lock_guard lock(g_threads_mutex);
       --g_threads;

@@ -11,6 +11,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "dischive/crash_report.h"
 #include "dischive/folder_scan.h"
 #include "dischive/text.h"
 #include "scan/folder_scan_internal.h"
@@ -144,7 +145,10 @@ class FolderReaders {
   explicit FolderReaders(ReadFn read) : read_(std::move(read)) {
     const size_t count = std::clamp<size_t>(std::thread::hardware_concurrency(), 1, 4);
     for (size_t i = 0; i < count; ++i)
-      threads_.emplace_back([this] { Run(); });
+      threads_.emplace_back([this] {
+        const ThreadSignalStack signal_stack;  // so a crash here is reported too
+        Run();
+      });
   }
   ~FolderReaders() {
     {
@@ -260,7 +264,10 @@ class LibraryScan {
         readers_([this](PendingFolder& f) { ReadFiles(f); }) {}
 
   LibraryScanSummary Run() {
-    std::thread walker([this] { Walk(); });
+    std::thread walker([this] {
+      const ThreadSignalStack signal_stack;
+      Walk();
+    });
     struct JoinWalker {
       std::thread& thread;
       ~JoinWalker() { thread.join(); }
