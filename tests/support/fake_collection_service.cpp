@@ -291,7 +291,11 @@ FakeCollectionService::Answer FakeCollectionService::Handle(const std::string& c
         break;
     }
     // The request is understood (logged) but not carried out.
+    const auto saved = albums_;
     HandleEnvelope(envelope, files, log);
+    albums_ = saved;
+    log.album_ids.clear();
+    log.cover_ids.clear();
     requests_.push_back(std::move(log));
     return answer;
   }

@@ -35,8 +35,8 @@ struct ServiceAlbum {
 struct ReceivedRequest {
   std::string command;
   std::vector<std::pair<std::string, std::string>> params;
-  std::vector<std::string> album_ids;  ///< "put": the albums of the payload
-  std::vector<std::string> cover_ids;  ///< "cover": the albums whose covers arrived
+  std::vector<std::string> album_ids;  ///< "put": the albums stored from the payload
+  std::vector<std::string> cover_ids;  ///< "cover": the albums whose covers were stored
   std::string content_type;
   std::string body;  ///< as received
 };
