@@ -14,6 +14,7 @@
 #include "backup/backup_internal.h"
 #include "dischive/backup.h"
 #include "platform/file.h"
+#include "platform/replace_file.h"
 
 namespace dischive {
 namespace {
@@ -27,39 +28,22 @@ std::filesystem::path WithSuffix(const std::filesystem::path& path, std::string_
   return std::filesystem::path(path.string() + std::string(suffix));
 }
 
-// A temporary file beside its target, removed unless committed.
-struct StagedFile {
-  std::filesystem::path temporary;
-  std::filesystem::path target;
-  uint64_t size = 0;
-  bool committed = false;
-
-  StagedFile() = default;
-  StagedFile(const StagedFile&) = delete;
-  StagedFile& operator=(const StagedFile&) = delete;
-  StagedFile(StagedFile&& other) noexcept
-      : temporary(std::move(other.temporary)),
-        target(std::move(other.target)),
-        size(other.size),
-        committed(other.committed) {
-    other.committed = true;  // the moved-from object no longer owns the file
-  }
-  ~StagedFile() {
-    if (!committed && !temporary.empty()) {
-      std::error_code ec;
-      std::filesystem::remove(temporary, ec);
-    }
-  }
-};
-
 class Restorer {
  public:
   Restorer(const RestoreRequest& request, std::string* message)
       : request_(request), message_(message) {}
 
   HResult Run(BackupSummary* summary) {
-    const std::filesystem::path& database = request_.database;
-    if (database.empty()) return Fail(kInvalidArgument, "no database file given", message_);
+    if (request_.database.empty()) {
+      return Fail(kInvalidArgument, "no database file given", message_);
+    }
+    // A database reached through a link is restored where the link points,
+    // and its previous copy and log are kept beside it there.
+    std::filesystem::path database;
+    std::string error;
+    if (const HResult r = platform::ResolveLinks(request_.database, &database, &error)) {
+      return Fail(r, "cannot follow " + error, message_);
+    }
     BackupContents contents;
     if (const HResult r = InspectBackup(request_.backup, &contents, message_)) return r;
 
@@ -75,8 +59,9 @@ class Restorer {
     }
     const std::filesystem::path db_folder =
         database.has_parent_path() ? database.parent_path() : std::filesystem::path(".");
-    const std::filesystem::path covers_folder =
-        request_.covers_folder.empty() ? DefaultCoversFolder(database) : request_.covers_folder;
+    const std::filesystem::path covers_folder = request_.covers_folder.empty()
+                                                    ? DefaultCoversFolder(request_.database)
+                                                    : request_.covers_folder;
     if (!std::filesystem::is_directory(db_folder, ec)) {
       std::filesystem::create_directories(db_folder, ec);
       if (ec) {
@@ -87,7 +72,7 @@ class Restorer {
     }
 
     platform::FileLock lock;
-    if (const HResult r = backup::LockDatabase(database, &lock, message_)) return r;
+    if (const HResult r = backup::LockDatabase(request_.database, &lock, message_)) return r;
 
     platform::File source;
     if (const HResult r = platform::File::OpenRead(request_.backup, &source)) {
@@ -100,13 +85,13 @@ class Restorer {
       total_ += cover.size;
 
     // Stage everything.
-    StagedFile staged_db;
-    if (const HResult r = Stage(source, contents.database_offset, contents.database_size, db_folder,
-                                database, &staged_db)) {
+    platform::FileReplacement staged_db;
+    if (const HResult r =
+            Stage(source, contents.database_offset, contents.database_size, database, &staged_db)) {
       return r;
     }
     bool created_covers_folder = false;
-    std::vector<StagedFile> staged_covers;
+    std::vector<platform::FileReplacement> staged_covers;
     if (!contents.covers.empty()) {
       if (!std::filesystem::is_directory(covers_folder, ec)) {
         std::filesystem::create_directories(covers_folder, ec);
@@ -120,8 +105,8 @@ class Restorer {
       staged_covers.reserve(contents.covers.size());
       for (const BackupEntry& cover : contents.covers) {
         staged_covers.emplace_back();
-        if (const HResult r = Stage(source, cover.offset, cover.size, covers_folder,
-                                    covers_folder / cover.name, &staged_covers.back())) {
+        if (const HResult r = Stage(source, cover.offset, cover.size, covers_folder / cover.name,
+                                    &staged_covers.back())) {
           staged_covers.clear();
           if (created_covers_folder) std::filesystem::remove(covers_folder, ec);
           return r;
@@ -151,7 +136,7 @@ class Restorer {
       if (!previous.empty()) std::filesystem::rename(previous, database, ec);
       return r;
     }
-    for (StagedFile& cover : staged_covers) {
+    for (platform::FileReplacement& cover : staged_covers) {
       if (const HResult r = Commit(cover)) return r;
     }
     platform::SyncFolder(db_folder);
@@ -169,47 +154,27 @@ class Restorer {
   }
 
  private:
-  // Copies `size` bytes of the backup into a new temporary file in `folder`
-  // and checks its length (the caller flushes all staged files at once).
+  // Copies `size` bytes of the backup into a new temporary file beside
+  // `target` and checks its length (the caller flushes all staged files at
+  // once, then commits them).
   HResult Stage(const platform::File& source, uint64_t offset, uint32_t size,
-                const std::filesystem::path& folder, const std::filesystem::path& target,
-                StagedFile* staged) {
+                const std::filesystem::path& target, platform::FileReplacement* staged) {
     std::error_code ec;
     if (std::filesystem::is_directory(target, ec)) {
       return Fail(kErrorFileExists, fmt::format("{} is a folder", target.string()), message_);
     }
-    platform::File out;
-    // Hidden, and not matching "*.jpg", while it is incomplete.
-    std::string prefix = target.filename().string();
-    prefix.insert(0, 1, '.');
-    prefix += ".restore-";
-    if (const HResult r =
-            platform::File::CreateTemporary(folder, prefix, &out, &staged->temporary)) {
-      return Fail(
-          r, fmt::format("cannot create a file in {}: {}", folder.string(), FormatErrorMessage(r)),
-          message_);
+    std::string error;
+    if (const HResult r = platform::FileReplacement::Begin(target, staged, &error)) {
+      return Fail(r, "cannot create a file for " + error, message_);
     }
-    staged->target = target;
-    staged->size = size;
-    // Temporary files are private; the result gets the permissions of the file
-    // it replaces, or those of a newly made file.
-    const std::filesystem::file_status current = std::filesystem::status(target, ec);
-    std::filesystem::permissions(
-        staged->temporary,
-        std::filesystem::exists(current)
-            ? current.permissions()
-            : std::filesystem::perms::owner_read | std::filesystem::perms::owner_write |
-                  std::filesystem::perms::group_read | std::filesystem::perms::others_read,
-        ec);
     bool cancelled = false;
-    HResult r = out.CopyFrom(source, offset, size, [&](uint64_t copied) {
+    HResult r = staged->file().CopyFrom(source, offset, size, [&](uint64_t copied) {
       if (!request_.progress || request_.progress(done_ + copied, total_)) return true;
       cancelled = true;
       return false;
     });
     uint64_t written = 0;
-    if (r == kOk) r = out.Size(&written);
-    if (const HResult closed = out.Close(); r == kOk) r = closed;
+    if (r == kOk) r = staged->file().Size(&written);
     if (cancelled) return Fail(kAborted, "restore cancelled", message_);
     if (r != kOk) {
       return Fail(r, fmt::format("cannot write {}: {}", target.string(), FormatErrorMessage(r)),
@@ -221,19 +186,18 @@ class Restorer {
           fmt::format("{} came out {} bytes long instead of {}", target.string(), written, size),
           message_);
     }
+    if (const HResult closed = staged->Finish(platform::FileReplacement::Flush::kNone, &error)) {
+      return Fail(closed, "cannot write " + error, message_);
+    }
     done_ += size;
     return kOk;
   }
 
-  HResult Commit(StagedFile& staged) {
-    std::error_code ec;
-    std::filesystem::rename(staged.temporary, staged.target, ec);
-    if (ec) {
-      return Fail(
-          kFail, fmt::format("cannot move {} into place: {}", staged.target.string(), ec.message()),
-          message_);
+  HResult Commit(platform::FileReplacement& staged) {
+    std::string error;
+    if (const HResult r = staged.Commit(platform::FileReplacement::Flush::kNone, &error)) {
+      return Fail(r, "cannot move into place " + error, message_);
     }
-    staged.committed = true;
     return kOk;
   }
 

@@ -6,54 +6,17 @@
 #include "dischive/http.h"
 #include "dischive/strings.h"
 #include "dischive/text.h"
+#include "util/url.h"
 
 namespace dischive {
 namespace {
-
-// The parts of an "http://host[:port]/path" address (https is taken too).
-struct HttpAddress {
-  std::string host;
-  uint16_t port = 80;
-  std::string path;
-};
-
-std::optional<HttpAddress> ParseHttpAddress(std::string_view url) {
-  HttpAddress address;
-  if (StartsWithIgnoreCase(url, "http://")) {
-    url.remove_prefix(7);
-  } else if (StartsWithIgnoreCase(url, "https://")) {
-    url.remove_prefix(8);
-    address.port = 443;
-  } else {
-    return std::nullopt;
-  }
-  const size_t slash = url.find('/');
-  std::string_view authority = url.substr(0, slash);
-  address.path = slash == std::string_view::npos ? "/" : std::string(url.substr(slash));
-  const size_t colon = authority.rfind(':');
-  if (colon != std::string_view::npos) {
-    const std::string_view digits = authority.substr(colon + 1);
-    if (digits.empty() || digits.size() > 5) return std::nullopt;
-    uint32_t port = 0;
-    for (const char c : digits) {
-      if (c < '0' || c > '9') return std::nullopt;
-      port = port * 10 + static_cast<uint32_t>(c - '0');
-    }
-    if (port == 0 || port > 65535) return std::nullopt;
-    address.port = static_cast<uint16_t>(port);
-    authority = authority.substr(0, colon);
-  }
-  if (authority.empty()) return std::nullopt;
-  address.host = authority;
-  return address;
-}
 
 class HttpFreedbSource : public detail::FreedbSource {
  public:
   HttpFreedbSource(const SettingsStore& settings, std::string* transcript)
       : transcript_(transcript),
         internet_(LoadInternetSettings(settings)),
-        address_(ParseHttpAddress(
+        address_(ParseHttpUrl(
             settings.GetString(kFreedbSettingsGroup, "acquire_url", DefaultAcquireUrl()))),
         email_(detail::FreedbEmailAddress(settings)),
         proto_(detail::FreedbProtoLevel(settings)) {}
@@ -87,7 +50,7 @@ class HttpFreedbSource : public detail::FreedbSource {
     ApplyInternetSettings(internet_, request);
     request.server = address_->host;
     request.port = address_->port;
-    request.object = address_->path + query;
+    request.object = address_->object + query;
     request.verb = "GET";
     const HResult r = ExecuteHttpRequest(request, session_);
     if (transcript_ != nullptr) FormatHttpTranscript(*transcript_, request);
@@ -99,7 +62,7 @@ class HttpFreedbSource : public detail::FreedbSource {
 
   std::string* transcript_;
   InternetSettings internet_;
-  std::optional<HttpAddress> address_;
+  std::optional<HttpUrl> address_;
   std::string email_;
   int proto_;
   HttpSession session_;

@@ -13,29 +13,10 @@
 #include "dischive/strings.h"
 #include "dischive/text.h"
 #include "dischive/version.h"
+#include "util/parse.h"
 
 namespace dischive {
 namespace {
-
-// A disc id: one to eight hexadecimal digits and nothing else.
-std::optional<uint32_t> ParseDiscId(std::string_view word) {
-  if (word.empty() || word.size() > 8) return std::nullopt;
-  uint32_t value = 0;
-  for (const char c : word) {
-    uint32_t digit;
-    if (c >= '0' && c <= '9') {
-      digit = static_cast<uint32_t>(c - '0');
-    } else if (c >= 'a' && c <= 'f') {
-      digit = static_cast<uint32_t>(c - 'a' + 10);
-    } else if (c >= 'A' && c <= 'F') {
-      digit = static_cast<uint32_t>(c - 'A' + 10);
-    } else {
-      return std::nullopt;
-    }
-    value = value << 4 | digit;
-  }
-  return value;
-}
 
 std::string HelloText(std::string_view email_address, int proto) {
   // Below level 6 the server reads ISO-8859-1.
@@ -90,7 +71,7 @@ std::optional<size_t> ParseMatchLine(std::string_view text, FreedbMatch& match) 
   const std::string_view category = line.substr(0, blank);
   std::string_view rest = line.substr(blank + 1);
   const size_t id_end = rest.find(' ');
-  const auto id = ParseDiscId(rest.substr(0, id_end));
+  const auto id = ParseHex32(rest.substr(0, id_end));
   if (!id) return std::nullopt;
   const std::string_view dtitle =
       id_end == std::string_view::npos ? std::string_view() : rest.substr(id_end + 1);

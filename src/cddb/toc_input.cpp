@@ -6,19 +6,14 @@
 
 #include "dischive/cddb.h"
 #include "dischive/text.h"
+#include "util/parse.h"
 
 namespace dischive {
 namespace {
 
-// A decimal number of at most nine digits (no sign); nullopt otherwise.
+// A count or frame offset: decimal, no sign, at most nine digits' worth.
 std::optional<uint32_t> ParseCount(std::string_view word) {
-  if (word.empty() || word.size() > 9) return std::nullopt;
-  uint32_t value = 0;
-  for (const char c : word) {
-    if (c < '0' || c > '9') return std::nullopt;
-    value = value * 10 + static_cast<uint32_t>(c - '0');
-  }
-  return value;
+  return ParseDecimal32(word, 999'999'999);
 }
 
 std::vector<std::string> Words(std::string_view text) {
@@ -68,14 +63,8 @@ std::optional<DiscToc> ParseDiscIdLine(std::string_view line, std::string* error
   if (w.size() < 4 || !count || w.size() - 3 != *count || w[0].size() > 8) {
     return Fail(error, "expected \"discid ntracks offset1 ... offsetN seconds\"");
   }
-  uint32_t id = 0;
-  for (const char c : w[0]) {
-    const char lower = ToLowerAscii(c);
-    if (!((c >= '0' && c <= '9') || (lower >= 'a' && lower <= 'f'))) {
-      return Fail(error, "the disc id \"" + w[0] + "\" is not hexadecimal");
-    }
-    id = id << 4 | static_cast<uint32_t>(c <= '9' ? c - '0' : lower - 'a' + 10);
-  }
+  const std::optional<uint32_t> id = ParseHex32(w[0]);
+  if (!id) return Fail(error, "the disc id \"" + w[0] + "\" is not hexadecimal");
   std::vector<uint32_t> offsets;
   for (size_t i = 2; i + 1 < w.size(); ++i) {
     const auto offset = ParseCount(w[i]);
@@ -84,7 +73,7 @@ std::optional<DiscToc> ParseDiscIdLine(std::string_view line, std::string* error
   }
   const auto seconds = ParseCount(w.back());
   if (!seconds) return Fail(error, "\"" + w.back() + "\" is not a length in seconds");
-  if (stated_id != nullptr) *stated_id = id;
+  if (stated_id != nullptr) *stated_id = *id;
   return MakeDiscToc(offsets, *seconds, error);
 }
 

@@ -41,6 +41,9 @@ class File {
   static HResult CreateTemporary(const std::filesystem::path& folder, const std::string& prefix,
                                  File* file, std::filesystem::path* path);
 
+  /// Takes ownership of an open descriptor (a negative one gives a closed File).
+  static File Adopt(int fd) { return File(fd < 0 ? -1 : fd); }
+
   bool is_open() const { return fd_ >= 0; }
   int fd() const { return fd_; }
 

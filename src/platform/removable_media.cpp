@@ -4,6 +4,8 @@
 #include <sstream>
 #include <system_error>
 
+#include "util/parse.h"
+
 namespace dischive::platform {
 namespace {
 
@@ -29,12 +31,7 @@ std::string DecodeOctalEscapes(std::string_view text) {
 // udev writes unsafe label characters as "\xHH".
 std::string DecodeHexEscapes(std::string_view text) {
   std::string out;
-  auto hex = [](char c) -> int {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-  };
+  const auto hex = HexDigitValue;
   for (size_t i = 0; i < text.size(); ++i) {
     if (text[i] == '\\' && text.size() - i > 3 && text[i + 1] == 'x' && hex(text[i + 2]) >= 0 &&
         hex(text[i + 3]) >= 0) {
@@ -107,13 +104,12 @@ std::vector<MountEntry> ParseMountInfo(std::string_view text) {
     if (!(fields >> id >> parent >> devno >> root >> mount_point)) continue;
     const size_t colon = devno.find(':');
     if (colon == std::string::npos) continue;
+    const std::optional<uint32_t> dev_major = ParseDecimal32(devno.substr(0, colon));
+    const std::optional<uint32_t> dev_minor = ParseDecimal32(devno.substr(colon + 1));
+    if (!dev_major || !dev_minor) continue;
     MountEntry entry;
-    try {
-      entry.major = static_cast<unsigned>(std::stoul(devno.substr(0, colon)));
-      entry.minor = static_cast<unsigned>(std::stoul(devno.substr(colon + 1)));
-    } catch (const std::exception&) {
-      continue;
-    }
+    entry.major = *dev_major;
+    entry.minor = *dev_minor;
     entry.mount_point = DecodeOctalEscapes(mount_point);
     std::string word;
     while (fields >> word && word != "-") {

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
-#include <fstream>
 #include <system_error>
 
 #include "dischive/codec.h"
@@ -12,7 +11,8 @@
 #include "dischive/cover.h"
 #include "dischive/date.h"
 #include "dischive/errors.h"
-#include "dischive/random_id.h"
+#include "platform/replace_file.h"
+#include "util/parse.h"
 
 namespace dischive {
 namespace {
@@ -112,10 +112,9 @@ Value FileSize(const PropertyValue* value) {
     return *number != 0 ? Value().Number(static_cast<uint32_t>(*number)) : Value();
   }
   const std::string& text = std::get<std::string>(*value);
-  uint64_t size = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), size);
-  if (error != std::errc() || end != text.data() + text.size() || size == 0) return Value();
-  return Value().Number(size);
+  const std::optional<uint64_t> size = ParseDecimal(text);
+  if (!size || *size == 0) return Value();
+  return Value().Number(*size);
 }
 
 uint32_t Unsigned(const PropertySet& properties, f::FieldId id) {
@@ -678,25 +677,11 @@ std::string CollectionWriter::CoverHashFor(const AlbumRecord& album) {
       const std::filesystem::path file = dir / (hash + ".jpg");
       std::error_code ec;
       if (!std::filesystem::exists(file, ec)) {
-        // Written under a temporary name first so that a reader never sees a
-        // partial file under the final one.
+        // Replaced as a whole so that a reader never sees a partial file.
         std::filesystem::create_directories(dir, ec);
-        const std::filesystem::path temp = dir / (hash + ".jpg." + NewRandomIdentifier() + ".tmp");
-        bool written = false;
-        {
-          std::ofstream out(temp, std::ios::binary | std::ios::trunc);
-          out.write(cover.bytes.data(), static_cast<std::streamsize>(cover.bytes.size()));
-          out.close();
-          written = static_cast<bool>(out);
-        }
-        if (written) {
-          std::filesystem::rename(temp, file, ec);
-          written = !ec;
-        }
-        if (written) {
+        if (platform::ReplaceFile(file, cover.bytes) == kOk) {
           ++stats_.covers_stored;
         } else {
-          std::filesystem::remove(temp, ec);
           ++stats_.cover_store_errors;
         }
       }

@@ -1,13 +1,12 @@
 #include "dischive/ini.h"
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 
 #include "dischive/text.h"
+#include "platform/replace_file.h"
 
 namespace dischive {
 
@@ -182,27 +181,7 @@ std::string IniDocument::Serialize() const {
 bool IniDocument::Save(const std::filesystem::path& path, std::string* error) const {
   std::error_code ec;
   if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path(), ec);
-  std::filesystem::path temp = path;
-  temp += ".tmp" + std::to_string(::getpid());
-  {
-    std::ofstream out(temp, std::ios::binary | std::ios::trunc);
-    const std::string text = Serialize();
-    out.write(text.data(), static_cast<std::streamsize>(text.size()));
-    out.flush();
-    if (!out) {
-      if (error != nullptr) *error = temp.string() + ": " + std::strerror(errno);
-      out.close();
-      std::filesystem::remove(temp, ec);
-      return false;
-    }
-  }
-  std::filesystem::rename(temp, path, ec);
-  if (ec) {
-    if (error != nullptr) *error = path.string() + ": " + ec.message();
-    std::filesystem::remove(temp, ec);
-    return false;
-  }
-  return true;
+  return platform::ReplaceFile(path, Serialize(), error) == kOk;
 }
 
 }  // namespace dischive

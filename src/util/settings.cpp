@@ -1,9 +1,7 @@
 #include "dischive/settings.h"
 
-#include <cerrno>
-#include <cstdlib>
-
 #include "dischive/text.h"
+#include "util/parse.h"
 
 namespace dischive {
 
@@ -14,31 +12,14 @@ std::optional<int32_t> ParseSettingsInt(std::string_view text) {
     negative = text.front() == '-';
     text.remove_prefix(1);
   }
-  int base = 10;
-  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-    base = 16;
-    text.remove_prefix(2);
-  }
-  if (text.empty()) return std::nullopt;
-  uint64_t value = 0;
-  for (char c : text) {
-    int digit;
-    if (c >= '0' && c <= '9') {
-      digit = c - '0';
-    } else if (base == 16 && c >= 'a' && c <= 'f') {
-      digit = c - 'a' + 10;
-    } else if (base == 16 && c >= 'A' && c <= 'F') {
-      digit = c - 'A' + 10;
-    } else {
-      return std::nullopt;
-    }
-    value = value * static_cast<uint64_t>(base) + static_cast<uint64_t>(digit);
-    if (value > 0xFFFFFFFFull) return std::nullopt;
-  }
+  const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+  const std::optional<uint64_t> value =
+      hex ? ParseHex(text.substr(2), 0xFFFFFFFFull) : ParseDecimal(text, 0xFFFFFFFFull);
+  if (!value) return std::nullopt;
   // Decimal values must fit a signed 32-bit integer; hexadecimal ones may use
   // all 32 bits (flags words such as 0x80000000 are stored that way).
-  if (base == 10 && value > (negative ? 0x80000000ull : 0x7FFFFFFFull)) return std::nullopt;
-  const auto bits = static_cast<uint32_t>(value);
+  if (!hex && *value > (negative ? 0x80000000ull : 0x7FFFFFFFull)) return std::nullopt;
+  const auto bits = static_cast<uint32_t>(*value);
   return static_cast<int32_t>(negative ? 0u - bits : bits);
 }
 

@@ -8,6 +8,7 @@
 #include "dischive/database_files.h"
 #include "dischive/date.h"
 #include "dischive/sqlite_catalog.h"
+#include "util/parse.h"
 
 namespace dischive::cli {
 namespace {
@@ -382,10 +383,9 @@ void Setup(CLI::App& app, Context& context) {
     context.action = [&context] {
       auto engine = OpenCliCatalog(context, db_path, false);
       std::optional<AlbumRecord> album = engine->ReadAlbum(album_id);
-      if (!album && album_id.size() <= 8 && !album_id.empty() &&
-          album_id.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos) {
-        const auto record_id = static_cast<uint32_t>(std::stoul(album_id, nullptr, 16));
-        if (std::optional<std::string> owner = engine->FindAlbumOfVolume(record_id)) {
+      const std::optional<uint32_t> record_id = ParseHex32(album_id);
+      if (!album && record_id) {
+        if (std::optional<std::string> owner = engine->FindAlbumOfVolume(*record_id)) {
           album = engine->ReadAlbum(*owner);
         }
       }

@@ -4,13 +4,12 @@
 #include <cstring>
 #include <filesystem>
 #include <iostream>
-#include <memory>
 
 #include "catalog_cli.h"
 #include "cli.h"
 #include "dischive/collection.h"
 #include "dischive/errors.h"
-#include "dischive/random_id.h"
+#include "platform/replace_file.h"
 #include "progress.h"
 
 namespace dischive::cli {
@@ -40,8 +39,30 @@ class FileOutput : public XmlOutput {
   int error_ = 0;
 };
 
-struct FileCloser {
-  void operator()(std::FILE* file) const { std::fclose(file); }
+// Writes a new version of the output file through a 64 KiB buffer.
+class ReplacementOutput : public XmlOutput {
+ public:
+  explicit ReplacementOutput(platform::FileReplacement& file) : file_(file) {}
+  bool Write(const char* data, size_t size) override {
+    if (!error_.empty()) return false;
+    buffer_.append(data, size);
+    return buffer_.size() < kChunk || Flush();
+  }
+  // Writes what is buffered; false (with error() set) when anything failed.
+  bool Flush() {
+    if (error_.empty() && !buffer_.empty() && file_.Write(buffer_, &error_) != kOk) {
+      if (error_.empty()) error_ = file_.target().string() + ": write failed";
+    }
+    buffer_.clear();
+    return error_.empty();
+  }
+  const std::string& error() const { return error_; }
+
+ private:
+  static constexpr size_t kChunk = 64 * 1024;
+  platform::FileReplacement& file_;
+  std::string buffer_;
+  std::string error_;
 };
 
 struct ExportOptions {
@@ -64,30 +85,20 @@ int RunExport(const Context& context, const ExportOptions& options) {
   collection.amazon_servers = ConfiguredAmazonServers(*context.settings);
   context.Note("cover cache: " + collection.cover_cache_dir.string());
 
-  // A file is written under a temporary name and renamed when complete, so a
-  // failed export never replaces an earlier document.
-  std::filesystem::path final_path, temp_path;
-  std::unique_ptr<std::FILE, FileCloser> file;
-  std::FILE* stream = stdout;
-  if (!options.output_path.empty()) {
-    final_path = options.output_path;
-    temp_path = final_path;
-    temp_path += "." + NewRandomIdentifier() + ".tmp";
-    file.reset(std::fopen(temp_path.c_str(), "wb"));
-    if (!file) {
-      throw CommandError(kExitFailure,
-                         "cannot create " + final_path.string() + ": " + std::strerror(errno));
+  // A file is written beside the target and renamed over it when complete,
+  // so a failed export never replaces an earlier document.
+  const std::filesystem::path final_path = options.output_path;
+  platform::FileReplacement replacement;
+  if (!final_path.empty()) {
+    std::string error;
+    if (platform::FileReplacement::Begin(final_path, &replacement, &error) != kOk) {
+      throw CommandError(kExitFailure, "cannot create " + error);
     }
-    stream = file.get();
   }
-  const auto discard = [&] {
-    if (temp_path.empty()) return;
-    file.reset();
-    std::error_code ec;
-    std::filesystem::remove(temp_path, ec);
-  };
+  FileOutput stdout_output(stdout);
+  ReplacementOutput file_output(replacement);
+  XmlOutput& output = final_path.empty() ? static_cast<XmlOutput&>(stdout_output) : file_output;
 
-  FileOutput output(stream);
   CollectionWriter writer(*catalog, collection);
   ProgressBar progress("Exporting", catalog->AlbumCount(), context.stderr_is_terminal);
   HResult result = writer.Write(output, [&](size_t done, size_t total) {
@@ -96,28 +107,23 @@ int RunExport(const Context& context, const ExportOptions& options) {
     return true;
   });
   progress.Finish();
-  if (result == kOk && !output.Flush()) result = HResultFromErrno(output.error());
-  if (result != kOk) {
-    discard();
-    const std::string target = final_path.empty() ? "standard output" : final_path.string();
-    if (output.error() != 0) {
-      throw CommandError(kExitFailure,
-                         "cannot write to " + target + ": " + std::strerror(output.error()));
+  if (final_path.empty()) {
+    if (result == kOk && !stdout_output.Flush()) result = HResultFromErrno(stdout_output.error());
+    if (stdout_output.error() != 0) {
+      throw CommandError(kExitFailure, "cannot write to standard output: " +
+                                           std::string(std::strerror(stdout_output.error())));
     }
-    Fail(result, "export");
+  } else {
+    if (result == kOk && !file_output.Flush()) result = kFail;
+    if (!file_output.error().empty()) {
+      throw CommandError(kExitFailure, "cannot write to " + file_output.error());
+    }
   }
-  if (file) {
-    if (std::fclose(file.release()) != 0) {
-      const int error = errno;
-      discard();
-      throw CommandError(kExitFailure,
-                         "cannot write to " + final_path.string() + ": " + std::strerror(error));
-    }
-    std::error_code ec;
-    std::filesystem::rename(temp_path, final_path, ec);
-    if (ec) {
-      discard();
-      throw CommandError(kExitFailure, "cannot write " + final_path.string() + ": " + ec.message());
+  if (result != kOk) Fail(result, "export");
+  if (!final_path.empty()) {
+    std::string error;
+    if (replacement.Commit(platform::FileReplacement::Flush::kFileAndFolder, &error) != kOk) {
+      throw CommandError(kExitFailure, "cannot write " + error);
     }
   }
 

@@ -6,7 +6,6 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <charconv>
 #include <fstream>
 #include <iostream>
 #include <optional>
@@ -17,85 +16,10 @@
 #include "dischive/strings.h"
 #include "dischive/text.h"
 #include "progress.h"
+#include "util/url.h"
 
 namespace dischive::cli {
 namespace {
-
-struct ParsedUrl {
-  std::string server;
-  uint16_t port = 80;
-  std::string object = "/";
-};
-
-// "http://host[:port][/path][?query]" (https with port 443); user information
-// and fragments are refused or dropped as a browser would not send them.
-std::optional<ParsedUrl> ParseHttpUrl(std::string_view url, std::string& why) {
-  ParsedUrl out;
-  bool secure = false;
-  if (StartsWithIgnoreCase(url, "http://")) {
-    url.remove_prefix(7);
-  } else if (StartsWithIgnoreCase(url, "https://")) {
-    url.remove_prefix(8);
-    secure = true;
-  } else {
-    why = "not an http:// or https:// address";
-    return std::nullopt;
-  }
-  url = url.substr(0, url.find('#'));
-  const size_t path_start = url.find_first_of("/?");
-  std::string_view authority = url.substr(0, path_start);
-  if (path_start != std::string_view::npos) {
-    out.object = std::string(url.substr(path_start));
-    if (out.object.front() == '?') out.object.insert(0, "/");
-  }
-  if (authority.find('@') != std::string_view::npos) {
-    why = "user names in the address are not supported";
-    return std::nullopt;
-  }
-  std::string_view host = authority;
-  std::string_view port_text;
-  if (!authority.empty() && authority.front() == '[') {  // [IPv6]:port
-    const size_t close = authority.find(']');
-    if (close == std::string_view::npos) {
-      why = "unclosed '[' in the host";
-      return std::nullopt;
-    }
-    host = authority.substr(1, close - 1);
-    if (close + 1 < authority.size()) {
-      if (authority[close + 1] != ':') {
-        why = "unexpected text after the host";
-        return std::nullopt;
-      }
-      port_text = authority.substr(close + 2);
-    }
-  } else if (const size_t colon = authority.rfind(':'); colon != std::string_view::npos) {
-    host = authority.substr(0, colon);
-    port_text = authority.substr(colon + 1);
-  }
-  if (host.empty()) {
-    why = "no host name";
-    return std::nullopt;
-  }
-  out.server = std::string(host);
-  out.port = secure ? 443 : 80;
-  if (!port_text.empty()) {
-    unsigned value = 0;
-    const auto [end, error] =
-        std::from_chars(port_text.data(), port_text.data() + port_text.size(), value);
-    if (error != std::errc() || end != port_text.data() + port_text.size() || value == 0 ||
-        value > 65535) {
-      why = "invalid port \"" + std::string(port_text) + "\"";
-      return std::nullopt;
-    }
-    out.port = static_cast<uint16_t>(value);
-  }
-  // The transport speaks TLS exactly on port 443.
-  if (secure != (out.port == 443)) {
-    why = secure ? "https is available on port 443 only" : "port 443 is always https";
-    return std::nullopt;
-  }
-  return out;
-}
 
 std::string ReadLine(bool echo) {
   termios saved{};
@@ -161,12 +85,12 @@ void Setup(CLI::App& app, Context& context) {
   get->callback([&context] {
     context.action = [&context] {
       std::string why;
-      const std::optional<ParsedUrl> target = ParseHttpUrl(url, why);
+      const std::optional<HttpUrl> target = ParseHttpUrl(url, &why);
       if (!target) throw CommandError(kExitUsage, url + ": " + why);
 
       HttpRequest request;
       ApplyInternetSettings(LoadInternetSettings(*context.settings), request);
-      request.server = target->server;
+      request.server = target->host;
       request.port = target->port;
       request.object = target->object;
       for (const std::string& header : headers) {

@@ -15,7 +15,9 @@
 #include "dischive/cddb.h"
 #include "dischive/host.h"
 #include "dischive/strings.h"
+#include "dischive/text.h"
 #include "progress.h"
+#include "util/parse.h"
 
 namespace dischive::cli {
 namespace {
@@ -43,11 +45,11 @@ std::vector<uint32_t> ParseOffsets(const std::vector<std::string>& items) {
     }
     std::istringstream in(item);
     for (std::string word; in >> word;) {
-      if (word.empty() || word.size() > 9 ||
-          word.find_first_not_of("0123456789") != std::string::npos) {
+      const std::optional<uint32_t> offset = ParseDecimal32(word, 999'999'999);
+      if (!offset) {
         throw CommandError(kExitUsage, "--offsets: \"" + word + "\" is not a frame offset");
       }
-      offsets.push_back(static_cast<uint32_t>(std::stoul(word)));
+      offsets.push_back(*offset);
     }
   }
   return offsets;
@@ -113,15 +115,11 @@ intptr_t AskOnTerminal(MatchChoice& choice, size_t disc, size_t count) {
     std::cerr << fmt::format("Entry to read (1-{}, 0 to cancel): ", choice.count) << std::flush;
     std::string line;
     if (!std::getline(std::cin, line)) return 0;
-    unsigned long n = 0;
-    try {
-      n = std::stoul(line);
-    } catch (const std::exception&) {
-      continue;
-    }
-    if (n == 0) return 0;
-    if (n <= choice.count) {
-      choice.chosen = static_cast<uint32_t>(n - 1);
+    const std::optional<uint32_t> n = ParseDecimal32(TrimBlanks(line));
+    if (!n) continue;
+    if (*n == 0) return 0;
+    if (*n <= choice.count) {
+      choice.chosen = *n - 1;
       return 1;
     }
   }
