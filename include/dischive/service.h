@@ -53,8 +53,8 @@ void SetServiceHostName(std::string_view host);
 std::string ConfiguredServiceHost(const SettingsStore& settings);
 
 /// Splits "host" or "host:port" (also "[v6]:port"); port 80 when none is
-/// given. False when the port is not a number from 1 to 65535 or the host is
-/// empty.
+/// given. False when the host is empty, the port is not a number from 1 to
+/// 65535, or it is 443 (the service speaks plain HTTP).
 bool SplitServiceHost(std::string_view host, std::string& server, uint16_t& port);
 
 /// The last error message of the service (from a response's error element),

@@ -1,11 +1,11 @@
 // Sending requests to the collection service: the library-wide host name and
 // last error message, and the exchange itself through the HTTP transport.
-#include <charconv>
 #include <mutex>
 
 #include "dischive/service.h"
 #include "dischive/strings.h"
 #include "sync/service_state.h"
+#include "util/url.h"
 
 namespace dischive {
 namespace {
@@ -46,36 +46,15 @@ std::string ConfiguredServiceHost(const SettingsStore& settings) {
 }
 
 bool SplitServiceHost(std::string_view host, std::string& server, uint16_t& port) {
-  std::string_view name = host;
-  std::string_view port_text;
-  if (!host.empty() && host.front() == '[') {
-    const size_t close = host.find(']');
-    if (close == std::string_view::npos) return false;
-    name = host.substr(1, close - 1);
-    const std::string_view rest = host.substr(close + 1);
-    if (!rest.empty()) {
-      if (rest.front() != ':') return false;
-      port_text = rest.substr(1);
-      if (port_text.empty()) return false;
-    }
-  } else if (const size_t colon = host.rfind(':'); colon != std::string_view::npos) {
-    if (host.find(':') != colon) return false;  // a bare IPv6 address needs brackets
-    name = host.substr(0, colon);
-    port_text = host.substr(colon + 1);
-    if (port_text.empty()) return false;
+  // The host setting is the authority part of an http address: read it with
+  // the one address parser, refusing anything that is not host and port.
+  if (host.empty() || host.back() == ':' || host.find_first_of("/?#@ ") != std::string_view::npos) {
+    return false;
   }
-  if (name.empty()) return false;
-  uint32_t number = 80;
-  if (!port_text.empty()) {
-    const auto [end, ec] =
-        std::from_chars(port_text.data(), port_text.data() + port_text.size(), number);
-    if (ec != std::errc() || end != port_text.data() + port_text.size() || number == 0 ||
-        number > 0xFFFF) {
-      return false;
-    }
-  }
-  server = std::string(name);
-  port = static_cast<uint16_t>(number);
+  std::optional<HttpUrl> url = ParseHttpUrl("http://" + std::string(host));
+  if (!url || url->port == 0) return false;
+  server = std::move(url->host);
+  port = url->port;
   return true;
 }
 
