@@ -32,6 +32,12 @@ std::string DefaultDatabase(const SettingsStore& settings, const SettingsStore* 
 /// The same with the process-wide settings and the system-wide settings file.
 std::string DefaultDatabase();
 
+/// The catalogue used when none is named: the default database configured in
+/// `settings` (when given), else the one of the process-wide or system-wide
+/// settings, else "Catalogue.dab" in the user's data folder
+/// ($XDG_DATA_HOME/dischive, default ~/.local/share/dischive).
+std::filesystem::path DefaultDatabasePath(const SettingsStore* settings);
+
 /// True when `path` names the configured default database. The names are
 /// compared without regard to case after removing "." and ".." parts, and as
 /// resolved paths when both exist.

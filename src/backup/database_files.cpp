@@ -4,6 +4,7 @@
 
 #include "dischive/text.h"
 #include "platform/file_lock.h"
+#include "util/xdg.h"
 
 namespace dischive {
 namespace {
@@ -224,6 +225,15 @@ std::string DefaultDatabase(const SettingsStore& settings, const SettingsStore* 
 std::string DefaultDatabase() {
   const SystemScope alternative;
   return DefaultDatabase(*GlobalSettings(), &alternative);
+}
+
+std::filesystem::path DefaultDatabasePath(const SettingsStore* settings) {
+  const std::string configured =
+      settings != nullptr ? DefaultDatabase(*settings, nullptr) : std::string();
+  if (!configured.empty()) return configured;
+  const std::string system = DefaultDatabase();
+  if (!system.empty()) return system;
+  return UserFolder(XdgHome::kData) / (std::string("Catalogue") + kDatabaseExtension);
 }
 
 bool IsDefaultDatabase(const std::filesystem::path& path, const SettingsStore& settings,

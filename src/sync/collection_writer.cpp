@@ -12,7 +12,9 @@
 #include "dischive/date.h"
 #include "dischive/errors.h"
 #include "platform/replace_file.h"
+#include "util/frame_time.h"
 #include "util/parse.h"
+#include "util/xdg.h"
 
 namespace dischive {
 namespace {
@@ -71,24 +73,6 @@ Value Decimal(int64_t value) {
 // "%02d" of a track number.
 Value TrackNumber(uint32_t number) {
   return number < 10 ? Value().Char('0').Number(number) : Value().Number(number);
-}
-
-// Album and volume times: "m:ss" below an hour, else "h:mm:ss".
-Value LongTime(uint64_t frames) {
-  const uint64_t seconds = frames / 75;
-  if (seconds < 3600) return Value().Number(seconds / 60).Char(':').TwoDigits(seconds % 60);
-  return Value()
-      .Number(seconds / 3600)
-      .Char(':')
-      .TwoDigits(seconds / 60 % 60)
-      .Char(':')
-      .TwoDigits(seconds % 60);
-}
-
-// Track times are always "m:ss", however many minutes.
-Value TrackTime(uint32_t frames) {
-  const uint32_t seconds = frames / 75;
-  return Value().Number(seconds / 60).Char(':').TwoDigits(seconds % 60);
 }
 
 // Money is stored in hundredths: "%u.%02u".
@@ -371,7 +355,7 @@ void CollectionWriter::DocumentWriter::AlbumAttributes(XmlElementScope& scope,
   if (const int32_t icon = p.Int(f::kIcon); icon != 0) scope.Attribute("Icon", Decimal(icon));
   if (frames != 0) {
     scope.Attribute("Frames", Decimal(static_cast<int64_t>(frames)));
-    scope.Attribute("Time", LongTime(frames));
+    scope.Attribute("Time", FrameTime(frames, TimeStyle::kHours));
   }
 }
 
@@ -487,7 +471,8 @@ void CollectionWriter::DocumentWriter::Volume(const VolumeRecord& volume) {
   XmlElementScope scope(xml_, "Volume");
   scope.Attribute("Title", volume.title).Attribute("ID", Hex8(volume.record_id));
   if (volume.frames != 0 && volume.frames != kUnknownFrames) {
-    scope.Attribute("Frames", Decimal(volume.frames)).Attribute("Time", LongTime(volume.frames));
+    scope.Attribute("Frames", Decimal(volume.frames))
+        .Attribute("Time", FrameTime(volume.frames, TimeStyle::kHours));
   }
   scope.Open();
 
@@ -534,7 +519,8 @@ void CollectionWriter::DocumentWriter::Track(const TrackRecord& track, const Tra
   XmlElementScope scope(xml_, "Track");
   scope.Attribute("Number", TrackNumber(track.number));
   if (track.frames != 0 && track.frames != kUnknownFrames) {
-    scope.Attribute("Frames", Decimal(track.frames)).Attribute("Time", TrackTime(track.frames));
+    scope.Attribute("Frames", Decimal(track.frames))
+        .Attribute("Time", FrameTime(track.frames, TimeStyle::kMinutes));
   }
   if (const int32_t bpm = fields.Int(kBpmSlot); bpm != 0) scope.Attribute("BPM", Decimal(bpm));
   for (size_t i = 0; i < kTrackFlagCount; ++i) {
@@ -635,13 +621,7 @@ std::vector<std::string> ConfiguredAmazonServers(const SettingsStore& settings) 
 }
 
 std::filesystem::path DefaultCoverCacheFolder() {
-  if (const char* cache = std::getenv("XDG_CACHE_HOME"); cache != nullptr && cache[0] == '/') {
-    return std::filesystem::path(cache) / "dischive" / "covers";
-  }
-  if (const char* home = std::getenv("HOME"); home != nullptr && home[0] == '/') {
-    return std::filesystem::path(home) / ".cache" / "dischive" / "covers";
-  }
-  return std::filesystem::temp_directory_path() / "dischive" / "covers";
+  return UserFolder(XdgHome::kCache) / "covers";
 }
 
 CollectionWriter::CollectionWriter(CatalogEngine& catalog, CollectionOptions options)

@@ -2,6 +2,7 @@
 
 #include "dischive/text.h"
 #include "util/parse.h"
+#include "util/xdg.h"
 
 namespace dischive {
 
@@ -214,33 +215,17 @@ std::vector<std::pair<std::string, std::string>> OverlaySettingsStore::Entries(
 
 namespace {
 
-std::filesystem::path EnvPath(const char* name) {
-  const char* value = std::getenv(name);
-  return value != nullptr && value[0] == '/' ? std::filesystem::path(value)
-                                             : std::filesystem::path();
-}
-
 std::mutex g_settings_mutex;
 std::shared_ptr<SettingsStore> g_settings;
 
 }  // namespace
 
 std::filesystem::path DefaultSettingsPath() {
-  std::filesystem::path base = EnvPath("XDG_CONFIG_HOME");
-  if (base.empty()) {
-    const std::filesystem::path home = EnvPath("HOME");
-    base = home.empty() ? std::filesystem::path("/tmp") : home / ".config";
-  }
-  return base / "dischive" / "dischive.ini";
+  return UserFolder(XdgHome::kConfig) / "dischive.ini";
 }
 
 std::filesystem::path SystemSettingsPath() {
-  std::filesystem::path base = "/etc/xdg";
-  if (const char* dirs = std::getenv("XDG_CONFIG_DIRS"); dirs != nullptr && dirs[0] == '/') {
-    const std::string_view list(dirs);
-    base = std::filesystem::path(list.substr(0, list.find(':')));
-  }
-  return base / "dischive" / "dischive.ini";
+  return SystemConfigFolder() / "dischive.ini";
 }
 
 std::shared_ptr<SettingsStore> GlobalSettings() {

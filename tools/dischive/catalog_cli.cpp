@@ -1,35 +1,9 @@
 #include "catalog_cli.h"
 
-#include <cstdlib>
-
 #include "dischive/database_files.h"
 #include "dischive/sqlite_catalog.h"
 
 namespace dischive::cli {
-namespace {
-
-// $XDG_DATA_HOME/dischive (default ~/.local/share/dischive).
-std::filesystem::path DataFolder() {
-  if (const char* data = std::getenv("XDG_DATA_HOME"); data != nullptr && data[0] == '/') {
-    return std::filesystem::path(data) / "dischive";
-  }
-  if (const char* home = std::getenv("HOME"); home != nullptr && home[0] == '/') {
-    return std::filesystem::path(home) / ".local" / "share" / "dischive";
-  }
-  return std::filesystem::path("/tmp") / "dischive";
-}
-
-}  // namespace
-
-std::filesystem::path DefaultCliDatabase(const Context& context) {
-  const std::string configured =
-      context.settings != nullptr ? DefaultDatabase(*context.settings, nullptr) : std::string();
-  if (!configured.empty()) return configured;
-  const std::string system = DefaultDatabase();
-  if (!system.empty()) return system;
-  return DataFolder() / (std::string("Catalogue") + kDatabaseExtension);
-}
-
 void AddDatabaseOption(CLI::App* command, std::string& db_path) {
   command
       ->add_option("--db", db_path,
@@ -42,7 +16,7 @@ std::unique_ptr<CatalogEngine> OpenCliCatalog(const Context& context, const std:
   std::filesystem::path path = db_path;
   bool create = false;
   if (path.empty()) {
-    path = DefaultCliDatabase(context);
+    path = DefaultDatabasePath(context.settings.get());
     create = true;  // the default database is made on first use
   }
   context.Note("catalogue: " + path.string());

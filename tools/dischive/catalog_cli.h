@@ -10,11 +10,6 @@
 
 namespace dischive::cli {
 
-/// The catalogue a command uses without --db: the configured default database
-/// ("Database"/"DefaultDatabase", then the system-wide setting), else
-/// "Catalogue.dab" under $XDG_DATA_HOME/dischive/.
-std::filesystem::path DefaultCliDatabase(const Context& context);
-
 /// Adds the "--db PATH" option to a command.
 void AddDatabaseOption(CLI::App* command, std::string& db_path);
 

@@ -7,6 +7,7 @@
 #include "cli.h"
 #include "dischive/backup.h"
 #include "dischive/catalog.h"
+#include "dischive/database_files.h"
 #include "progress.h"
 
 namespace dischive::cli {
@@ -147,8 +148,8 @@ struct RestoreOptions {
 int RunRestore(const Context& context, const RestoreOptions& options) {
   RestoreRequest request;
   request.backup = options.file;
-  request.database =
-      options.db.empty() ? DefaultCliDatabase(context) : std::filesystem::path(options.db);
+  request.database = options.db.empty() ? DefaultDatabasePath(context.settings.get())
+                                        : std::filesystem::path(options.db);
   request.covers_folder = options.covers_folder;
   request.replace_existing = options.force;
   request.keep_previous = !options.no_keep;

@@ -8,6 +8,7 @@
 #include "dischive/database_files.h"
 #include "dischive/date.h"
 #include "dischive/sqlite_catalog.h"
+#include "util/frame_time.h"
 #include "util/parse.h"
 
 namespace dischive::cli {
@@ -162,9 +163,7 @@ Json PropertiesJson(const PropertySet& properties) {
 // "m:ss", or "h:mm:ss" from an hour on, for a length in CD frames.
 std::string Duration(uint32_t frames) {
   if (frames == kUnknownFrames) return "?";
-  const uint32_t seconds = frames / 75;
-  if (seconds < 3600) return fmt::format("{}:{:02}", seconds / 60, seconds % 60);
-  return fmt::format("{}:{:02}:{:02}", seconds / 3600, seconds / 60 % 60, seconds % 60);
+  return FrameTime(frames, TimeStyle::kHours).str();
 }
 
 std::string JoinNames(const std::vector<std::string>& names) {
@@ -284,8 +283,9 @@ void Setup(CLI::App& app, Context& context) {
   AddDatabaseOption(create, db_path);
   create->callback([&context] {
     context.action = [&context] {
-      const std::filesystem::path path =
-          db_path.empty() ? DefaultCliDatabase(context) : std::filesystem::path(db_path);
+      const std::filesystem::path path = db_path.empty()
+                                             ? DefaultDatabasePath(context.settings.get())
+                                             : std::filesystem::path(db_path);
       std::error_code ec;
       if (std::filesystem::exists(path, ec)) {
         throw CommandError(kExitFailure, path.string() + " already exists");

@@ -17,6 +17,7 @@
 #include "dischive/strings.h"
 #include "dischive/text.h"
 #include "progress.h"
+#include "util/frame_time.h"
 #include "util/parse.h"
 
 namespace dischive::cli {
@@ -125,11 +126,6 @@ intptr_t AskOnTerminal(MatchChoice& choice, size_t disc, size_t count) {
   }
 }
 
-std::string Mmss(uint64_t frames) {
-  const uint64_t seconds = frames / 75;
-  return fmt::format("{}:{:02}", seconds / 60, seconds % 60);
-}
-
 Json DiscJson(const DiscRecord& disc, const std::string& note, const std::string& album_id) {
   const DiscMetadata& m = disc.metadata;
   Json out;
@@ -188,7 +184,8 @@ void PrintDiscText(const DiscRecord& disc, size_t index, size_t count, const std
     const std::string artist = m.Text(field::kArtist, t.number).value_or("");
     std::cout << fmt::format("  {:>2}. {}{}  ({})\n", t.number,
                              artist.empty() ? std::string() : artist + " / ",
-                             m.Text(field::kTrackTitle, t.number).value_or(""), Mmss(t.frames));
+                             m.Text(field::kTrackTitle, t.number).value_or(""),
+                             FrameTime(t.frames, TimeStyle::kMinutes).text());
   }
   if (!album_id.empty()) std::cout << "Saved as album " << album_id << '\n';
 }

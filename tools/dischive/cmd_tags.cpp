@@ -1,12 +1,14 @@
 // dischive tags FILE...: the tags, playing time and cover picture of music files.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 
 #include "cli.h"
 #include "dischive/tag_readers.h"
 #include "dischive/tags.h"
+#include "util/frame_time.h"
 
 namespace dischive::cli {
 namespace {
@@ -38,12 +40,6 @@ const std::vector<std::pair<const char*, std::string MediaFileTags::*>>& TextFie
 
 const char* KindName(PictureKind kind) {
   return kind == PictureKind::kJpeg ? "jpeg" : kind == PictureKind::kPng ? "png" : "none";
-}
-
-// "m:ss.ff" for a count of 1/75-second frames.
-std::string FormatDuration(int32_t frames) {
-  const int32_t seconds = frames / 75;
-  return fmt::format("{}:{:02}.{:02}", seconds / 60, seconds % 60, frames % 75);
 }
 
 // Where the cover of the index-th of `count` files goes: OUT itself for one
@@ -102,8 +98,10 @@ void PrintText(const std::string& file, const MediaFileInfo& info) {
   if (t.discNumber != -1) std::cout << "  discNumber: " << t.discNumber << '\n';
   if (t.bpm != 0) std::cout << "  bpm: " << t.bpm << '\n';
   if (t.bitrateKbps != 0) std::cout << "  bitrate: " << t.bitrateKbps << " kbit/s\n";
-  std::cout << "  duration: " << FormatDuration(t.durationFrames) << " (" << t.durationFrames
-            << " frames)\n";
+  std::cout
+      << "  duration: "
+      << FrameTime(static_cast<uint32_t>(std::max(t.durationFrames, 0)), TimeStyle::kFrames).text()
+      << " (" << t.durationFrames << " frames)\n";
   if (!info.picture.empty()) {
     std::cout << "  picture: " << KindName(info.picture_kind) << ", " << info.picture.size()
               << " bytes\n";
