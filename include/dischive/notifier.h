@@ -8,7 +8,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -16,6 +15,7 @@
 #include <thread>
 
 #include "dischive/catalog.h"
+#include "dischive/host.h"
 #include "dischive/http.h"
 #include "dischive/settings.h"
 
@@ -58,58 +58,81 @@ std::optional<std::string> BuildAlbumPageUrl(std::string_view host, std::string_
 std::optional<std::string> BuildAlbumPageUrl(CatalogEngine& catalog, std::string_view host,
                                              std::string_view album_id);
 
-/// The notifier thread and its mailbox. Posting never blocks; the thread sends
-/// the notices in posting order. Quit (or destruction) discards the notices
-/// still queued; so does the owner going away (the owner is any object whose
-/// lifetime stands for the window that started the notifier).
+/// The thread message that carries one notice; its payload is the
+/// `NotifyEvent`, whose ownership passes with the message.
+inline constexpr uint32_t kNotifyMessage = 0x83EA;
+
+/// The notifier: one thread (`NotifierThread`) fed by a `ThreadMailbox`.
+/// Posting never blocks; the thread sends the notices in posting order, at most
+/// one per interval. A quit message waiting in the mailbox discards the notices
+/// still queued; so does the owner window being closed. Created by
+/// `StartNotifier`; destroying it quits the thread.
+///
+/// The owner window is held by a shared_ptr: the notifier asks it `alive()`
+/// before every notice, so the window object must stay valid for as long as the
+/// thread runs, while the host closes it (alive() turns false) whenever it likes.
+/// The catalogue given to `StartNotifier` must outlive the notifier; it is read
+/// only on the posting thread (for the live-updates option).
 class PlayRatingNotifier {
  public:
-  /// Starts the thread when both login and key are non-empty; otherwise
-  /// returns nullptr (nothing runs and notices are ignored).
-  static std::unique_ptr<PlayRatingNotifier> Start(NotifierSettings settings,
-                                                   std::weak_ptr<const void> owner);
-  /// Reads login and key from the catalogue ("db_opts") and the rest from
-  /// the settings store ("internet2"), then starts as above.
-  static std::unique_ptr<PlayRatingNotifier> Start(CatalogEngine& catalog,
-                                                   const SettingsStore& settings,
-                                                   std::weak_ptr<const void> owner);
   ~PlayRatingNotifier();
   PlayRatingNotifier(const PlayRatingNotifier&) = delete;
   PlayRatingNotifier& operator=(const PlayRatingNotifier&) = delete;
 
-  /// Queues a notice; one with an empty album identifier is dropped.
-  void Post(NotifyEvent event);
+  /// Posts a notice as message 0x83EA; one with an empty album identifier, or
+  /// one posted after Quit(), is dropped (false).
+  bool Post(NotifyEvent event);
   /// A rating notice for an album (rating field, its time when the rating is
-  /// 1 or more, else 0), posted only when `live_updates` is on and the album
-  /// has a service identifier. Returns true when it was posted.
-  bool NotifyRated(const AlbumRecord& album, bool live_updates);
+  /// 1 or more, else 0), posted only when the catalogue's "db_opts"/
+  /// "sync_live_updates" is on and the album has a service identifier.
+  /// Returns true when it was posted.
+  bool NotifyRated(const AlbumRecord& album);
   /// A play notice with the album's last-played time; same conditions.
-  bool NotifyPlayed(const AlbumRecord& album, bool live_updates);
+  bool NotifyPlayed(const AlbumRecord& album);
 
-  /// Blocks until every queued notice has been handled (sent or discarded).
+  /// Blocks until every posted notice has been handled (sent or discarded) or
+  /// the thread has quit.
   void WaitUntilIdle();
   /// Posts the quit message and waits for the thread; queued notices are
-  /// discarded unsent.
+  /// discarded unsent and later posts are dropped.
   void Quit();
 
   /// Notices sent so far (whatever the service answered).
   size_t sent() const;
 
  private:
-  PlayRatingNotifier(NotifierSettings settings, std::weak_ptr<const void> owner);
-  void Run();
+  friend std::unique_ptr<PlayRatingNotifier> StartNotifier(CatalogEngine&, NotifierSettings,
+                                                           std::shared_ptr<HostWindow>);
+  PlayRatingNotifier(CatalogEngine& catalog, NotifierSettings settings,
+                     std::shared_ptr<HostWindow> owner);
+  void NotifierThread();
+  void Send(const NotifyEvent& event, HttpSession& session);
+  void Handled(bool sent);
 
+  CatalogEngine& catalog_;
   const NotifierSettings settings_;
-  const std::weak_ptr<const void> owner_;
+  const std::shared_ptr<HostWindow> owner_;
+  ThreadMailbox mailbox_;
   mutable std::mutex mutex_;
-  std::condition_variable wake_;
   std::condition_variable idle_;
-  std::deque<NotifyEvent> queue_;
-  bool quit_ = false;
-  bool busy_ = false;
+  size_t pending_ = 0;  ///< posted notices the thread has not handled yet
   size_t sent_ = 0;
+  bool stopped_ = false;
   std::thread thread_;
 };
+
+/// Starts the notifier for a catalogue: login and key are read from its
+/// "db_opts" options "sync_login"/"sync_dbkey" (replacing those in
+/// `settings`); only when both are non-empty does the thread start. Otherwise,
+/// or without an owner window, returns nullptr: nothing runs and there is
+/// nothing to post notices to.
+std::unique_ptr<PlayRatingNotifier> StartNotifier(CatalogEngine& catalog, NotifierSettings settings,
+                                                  std::shared_ptr<HostWindow> owner);
+/// The same with the service host and connection settings read from the
+/// settings store ("internet2").
+std::unique_ptr<PlayRatingNotifier> StartNotifier(CatalogEngine& catalog,
+                                                  const SettingsStore& settings,
+                                                  std::shared_ptr<HostWindow> owner);
 
 /// Whether "db_opts"/"sync_live_updates" is on in the catalogue.
 bool LiveUpdatesEnabled(CatalogEngine& catalog);

@@ -1,7 +1,9 @@
-// The play and rating notifier: a mailbox of notices drained by one thread.
+// The play and rating notifier: a thread mailbox of notices drained by one thread.
 #include "dischive/notifier.h"
 
 #include <fmt/format.h>
+
+#include <deque>
 
 #include "dischive/codec.h"
 #include "dischive/fields.h"
@@ -46,73 +48,79 @@ bool LiveUpdatesEnabled(CatalogEngine& catalog) {
   return !value.empty() && value != "0";
 }
 
-std::unique_ptr<PlayRatingNotifier> PlayRatingNotifier::Start(NotifierSettings settings,
-                                                              std::weak_ptr<const void> owner) {
-  if (settings.login.empty() || settings.dbkey.empty()) return nullptr;
+std::unique_ptr<PlayRatingNotifier> StartNotifier(CatalogEngine& catalog, NotifierSettings settings,
+                                                  std::shared_ptr<HostWindow> owner) {
+  settings.login = catalog.GetDatabaseProperty("db_opts", "sync_login").value_or("");
+  settings.dbkey = catalog.GetDatabaseProperty("db_opts", "sync_dbkey").value_or("");
+  if (settings.login.empty() || settings.dbkey.empty() || !owner) return nullptr;
   std::unique_ptr<PlayRatingNotifier> notifier(
-      new PlayRatingNotifier(std::move(settings), std::move(owner)));
-  notifier->thread_ = std::thread([n = notifier.get()] { n->Run(); });
+      new PlayRatingNotifier(catalog, std::move(settings), std::move(owner)));
+  notifier->thread_ = std::thread([n = notifier.get()] { n->NotifierThread(); });
   return notifier;
 }
 
-std::unique_ptr<PlayRatingNotifier> PlayRatingNotifier::Start(CatalogEngine& catalog,
-                                                              const SettingsStore& settings,
-                                                              std::weak_ptr<const void> owner) {
+std::unique_ptr<PlayRatingNotifier> StartNotifier(CatalogEngine& catalog,
+                                                  const SettingsStore& settings,
+                                                  std::shared_ptr<HostWindow> owner) {
   NotifierSettings s;
-  s.login = catalog.GetDatabaseProperty("db_opts", "sync_login").value_or("");
-  s.dbkey = catalog.GetDatabaseProperty("db_opts", "sync_dbkey").value_or("");
   s.host = ConfiguredServiceHost(settings);
   s.internet = LoadInternetSettings(settings);
-  return Start(std::move(s), std::move(owner));
+  return StartNotifier(catalog, std::move(s), std::move(owner));
 }
 
-PlayRatingNotifier::PlayRatingNotifier(NotifierSettings settings, std::weak_ptr<const void> owner)
-    : settings_(std::move(settings)), owner_(std::move(owner)) {}
+PlayRatingNotifier::PlayRatingNotifier(CatalogEngine& catalog, NotifierSettings settings,
+                                       std::shared_ptr<HostWindow> owner)
+    : catalog_(catalog), settings_(std::move(settings)), owner_(std::move(owner)) {}
 
 PlayRatingNotifier::~PlayRatingNotifier() {
   Quit();
 }
 
-void PlayRatingNotifier::Post(NotifyEvent event) {
-  if (event.album_id.empty()) return;
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (quit_) return;
-    queue_.push_back(std::move(event));
-  }
-  wake_.notify_one();
+bool PlayRatingNotifier::Post(NotifyEvent event) {
+  if (event.album_id.empty()) return false;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (stopped_ || !mailbox_.post(kNotifyMessage, 0, std::move(event))) return false;
+  ++pending_;
+  return true;
 }
 
-bool PlayRatingNotifier::NotifyRated(const AlbumRecord& album, bool live_updates) {
+bool PlayRatingNotifier::NotifyRated(const AlbumRecord& album) {
   const std::string id = album.properties.Text(field::kServiceId);
-  if (!live_updates || id.empty()) return false;
+  if (id.empty() || !LiveUpdatesEnabled(catalog_)) return false;
   NotifyEvent event{id, NotifyKind::kRating, album.properties.Int(field::kRating), 0};
   // The rating time means nothing for an album that has no rating.
   if (event.rating >= 1)
     event.time = static_cast<uint32_t>(album.properties.Int(field::kRatingTime));
-  Post(std::move(event));
-  return true;
+  return Post(std::move(event));
 }
 
-bool PlayRatingNotifier::NotifyPlayed(const AlbumRecord& album, bool live_updates) {
+bool PlayRatingNotifier::NotifyPlayed(const AlbumRecord& album) {
   const std::string id = album.properties.Text(field::kServiceId);
-  if (!live_updates || id.empty()) return false;
-  Post({id, NotifyKind::kPlay, 0, static_cast<uint32_t>(album.properties.Int(field::kLastPlayed))});
-  return true;
+  if (id.empty() || !LiveUpdatesEnabled(catalog_)) return false;
+  return Post(
+      {id, NotifyKind::kPlay, 0, static_cast<uint32_t>(album.properties.Int(field::kLastPlayed))});
 }
 
 void PlayRatingNotifier::WaitUntilIdle() {
   std::unique_lock<std::mutex> lock(mutex_);
-  idle_.wait(lock, [this] { return (queue_.empty() && !busy_) || quit_; });
+  idle_.wait(lock, [this] { return pending_ == 0 || stopped_; });
 }
 
 void PlayRatingNotifier::Quit() {
   {
+    // Posting under the lock: no notice can slip in behind the quit message.
     const std::lock_guard<std::mutex> lock(mutex_);
-    quit_ = true;
+    if (stopped_) return;
+    stopped_ = true;
+    mailbox_.post(ThreadMailbox::kQuit);
   }
-  wake_.notify_all();
   if (thread_.joinable()) thread_.join();
+  // What is still queued is dropped unsent.
+  mailbox_.close();
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    pending_ = 0;
+  }
   idle_.notify_all();
 }
 
@@ -121,47 +129,65 @@ size_t PlayRatingNotifier::sent() const {
   return sent_;
 }
 
-void PlayRatingNotifier::Run() {
+void PlayRatingNotifier::Handled(bool sent) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (sent) ++sent_;
+  if (pending_ > 0 && --pending_ == 0) idle_.notify_all();
+}
+
+void PlayRatingNotifier::Send(const NotifyEvent& event, HttpSession& session) {
+  HttpRequest request;
+  ApplyInternetSettings(settings_.internet, request);
+  request.extra_headers = settings_.extra_headers;
+  request.object = NoticePath(settings_, event);
+  request.receive_timeout = settings_.receive_timeout;
+  request.max_body = size_t{1} << 20;
+  const bool sendable =
+      !request.object.empty() && SplitServiceHost(settings_.host, request.server, request.port);
+  // The answer is not read: a lost notice is made good by the next sync.
+  if (sendable) ExecuteHttpRequest(request, session);
+  Handled(sendable);
+}
+
+void PlayRatingNotifier::NotifierThread() {
   HttpSession session;
-  std::unique_lock<std::mutex> lock(mutex_);
+  // Messages taken from the mailbox during a pause, in the order they came.
+  std::deque<HostMessage> held;
   while (true) {
-    wake_.wait(lock, [this] { return quit_ || !queue_.empty(); });
-    // A waiting quit message discards whatever is still queued.
-    if (quit_) {
-      queue_.clear();
-      break;
+    std::optional<HostMessage> message;
+    if (!held.empty()) {
+      message = std::move(held.front());
+      held.pop_front();
+    } else {
+      message = mailbox_.get(std::chrono::hours(1));
+      if (!message) continue;
     }
-    NotifyEvent event = std::move(queue_.front());
-    queue_.pop_front();
-    // A gone owner: nobody wants the notices any more.
-    if (owner_.expired()) {
-      queue_.clear();
-      idle_.notify_all();
+    if (message->message == ThreadMailbox::kQuit) return;
+    if (message->message != kNotifyMessage) continue;
+    const auto* event = std::any_cast<NotifyEvent>(&message->payload);
+    // A quit message already waiting discards the notice; the rest of the
+    // queue goes with the mailbox when Quit() closes it.
+    if (mailbox_.peek_quit()) return;
+    // A closed owner window: nobody wants the notices any more.
+    if (event == nullptr || !owner_->alive()) {
+      Handled(false);
       continue;
     }
-    busy_ = true;
-    lock.unlock();
+    Send(*event, session);
+    message.reset();  // the notice is freed before the pause
 
-    HttpRequest request;
-    ApplyInternetSettings(settings_.internet, request);
-    request.extra_headers = settings_.extra_headers;
-    request.object = NoticePath(settings_, event);
-    request.receive_timeout = settings_.receive_timeout;
-    request.max_body = size_t{1} << 20;
-    const bool sendable =
-        !request.object.empty() && SplitServiceHost(settings_.host, request.server, request.port);
-    // The answer is not read: a lost notice is made good by the next sync.
-    if (sendable) ExecuteHttpRequest(request, session);
-
-    lock.lock();
-    if (sendable) ++sent_;
-    busy_ = false;
-    if (queue_.empty()) idle_.notify_all();
-    // At most one notice a second; a quit cuts the pause short.
-    wake_.wait_for(lock, settings_.interval, [this] { return quit_; });
+    // At most one notice per interval; a quit message cuts the pause short.
+    const auto until = std::chrono::steady_clock::now() + settings_.interval;
+    for (auto now = std::chrono::steady_clock::now(); now < until;
+         now = std::chrono::steady_clock::now()) {
+      std::optional<HostMessage> next =
+          mailbox_.get(std::chrono::duration_cast<std::chrono::milliseconds>(until - now) +
+                       std::chrono::milliseconds(1));
+      if (!next) break;
+      if (next->message == ThreadMailbox::kQuit) return;
+      held.push_back(std::move(*next));
+    }
   }
-  busy_ = false;
-  idle_.notify_all();
 }
 
 }  // namespace dischive

@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include "dischive/fields.h"
+#include "dischive/sqlite_catalog.h"
 #include "support/fake_collection_service.h"
+#include "support/temp_dir.h"
 
 namespace dischive {
 namespace {
@@ -12,11 +15,22 @@ using namespace std::chrono_literals;
 
 class NotifierTest : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_TRUE(service.Start()); }
-  NotifierSettings Settings(std::chrono::milliseconds interval = 5ms) {
+  void SetUp() override {
+    ASSERT_TRUE(service.Start());
+    catalog = OpenSqliteCatalog(dir / "music.dab", CatalogOpenMode::kCreate);
+    ASSERT_NE(catalog, nullptr);
+    Account("listener", "0123ABCD", true);
+  }
+  void Account(const std::string& login, const std::string& key, bool live) {
+    catalog->SetDatabaseProperty("db_opts", "sync_login", login);
+    catalog->SetDatabaseProperty("db_opts", "sync_dbkey", key);
+    catalog->SetDatabaseProperty("db_opts", "sync_live_updates", live ? "1" : "0");
+  }
+  std::unique_ptr<PlayRatingNotifier> Start(std::chrono::milliseconds interval = 5ms) {
+    return StartNotifier(*catalog, Settings(interval), owner);
+  }
+  NotifierSettings Settings(std::chrono::milliseconds interval) {
     NotifierSettings s;
-    s.login = "listener";
-    s.dbkey = "0123ABCD";
     s.host = service.host();
     s.internet.preconfigured = false;
     s.interval = interval;
@@ -28,8 +42,11 @@ class NotifierTest : public ::testing::Test {
       out.push_back(p.target);
     return out;
   }
+  test::TempDir dir;
   test::FakeCollectionService service;
-  std::shared_ptr<int> owner = std::make_shared<int>(0);
+  std::unique_ptr<CatalogEngine> catalog;
+  std::shared_ptr<MessageLoop> owner =
+      std::make_shared<MessageLoop>([](const HostMessage&) { return intptr_t{0}; });
 };
 
 AlbumRecord Album(std::string service_id, int32_t rating, int32_t rating_time, int32_t played) {
@@ -42,9 +59,8 @@ AlbumRecord Album(std::string service_id, int32_t rating, int32_t rating_time, i
 }
 
 TEST_F(NotifierTest, NotifierSendsEachNoticeInItsLayout) {
-  NotifierSettings settings = Settings();
-  settings.login = "a&b c";
-  auto notifier = PlayRatingNotifier::Start(settings, owner);
+  Account("a&b c", "0123ABCD", true);
+  auto notifier = Start();
   ASSERT_NE(notifier, nullptr);
   struct Case {
     AlbumRecord album;
@@ -66,28 +82,48 @@ TEST_F(NotifierTest, NotifierSendsEachNoticeInItsLayout) {
   };
   std::vector<std::string> expected;
   for (const Case& c : cases) {
-    const bool posted =
-        c.rate ? notifier->NotifyRated(c.album, c.live) : notifier->NotifyPlayed(c.album, c.live);
+    catalog->SetDatabaseProperty("db_opts", "sync_live_updates", c.live ? "on" : "");
+    const bool posted = c.rate ? notifier->NotifyRated(c.album) : notifier->NotifyPlayed(c.album);
     EXPECT_EQ(posted, c.posted);
     if (c.target != nullptr) expected.push_back(c.target);
   }
-  notifier->Post({"", NotifyKind::kPlay, 0, 1});  // no identifier: dropped
+  EXPECT_FALSE(notifier->Post({"", NotifyKind::kPlay, 0, 1}));  // no identifier: dropped
   notifier->WaitUntilIdle();
   EXPECT_EQ(Targets(), expected);
   EXPECT_EQ(notifier->sent(), expected.size());
 }
 
-TEST_F(NotifierTest, NotifierStartsOnlyWithLoginAndKey) {
-  NotifierSettings settings = Settings();
-  settings.login.clear();
-  EXPECT_EQ(PlayRatingNotifier::Start(settings, owner), nullptr);
-  settings = Settings();
-  settings.dbkey.clear();
-  EXPECT_EQ(PlayRatingNotifier::Start(settings, owner), nullptr);
+TEST_F(NotifierTest, NotifierStartsOnlyWithLoginKeyAndOwner) {
+  Account("", "0123ABCD", true);
+  EXPECT_EQ(Start(), nullptr);
+  Account("listener", "", true);
+  EXPECT_EQ(Start(), nullptr);
+  Account("listener", "0123ABCD", true);
+  EXPECT_EQ(StartNotifier(*catalog, Settings(5ms), nullptr), nullptr);
+  // The account is read from the catalogue, not taken from the settings.
+  NotifierSettings settings = Settings(5ms);
+  settings.login = "someone else";
+  auto notifier = StartNotifier(*catalog, settings, owner);
+  ASSERT_NE(notifier, nullptr);
+  ASSERT_TRUE(notifier->Post({"0123456789ABCDEF", NotifyKind::kPlay, 0, 5}));
+  notifier->WaitUntilIdle();
+  EXPECT_EQ(Targets(),
+            std::vector<std::string>{"/peek?u=listener&t=play&a=0123456789ABCDEF&d=0123ABCD&s=5"});
+}
+
+TEST_F(NotifierTest, NotifierSendsNothingForAnAlbumWithoutServiceId) {
+  auto notifier = Start();
+  ASSERT_NE(notifier, nullptr);
+  EXPECT_FALSE(notifier->NotifyPlayed(Album("", 0, 0, 100)));
+  EXPECT_FALSE(notifier->NotifyRated(Album("", 5, 100, 100)));
+  notifier->WaitUntilIdle();
+  notifier->Quit();
+  EXPECT_TRUE(service.peeks().empty());
+  EXPECT_EQ(notifier->sent(), 0u);
 }
 
 TEST_F(NotifierTest, NotifierBurstIsSpreadOneSecondApartInOrder) {
-  auto notifier = PlayRatingNotifier::Start(Settings(1000ms), owner);
+  auto notifier = Start(1000ms);
   ASSERT_NE(notifier, nullptr);
   for (uint32_t i = 0; i < 10; ++i)
     notifier->Post({"0123456789ABCDEF", NotifyKind::kPlay, 0, i});
@@ -102,7 +138,7 @@ TEST_F(NotifierTest, NotifierBurstIsSpreadOneSecondApartInOrder) {
 }
 
 TEST_F(NotifierTest, NotifierQuitDiscardsQueuedNotices) {
-  auto notifier = PlayRatingNotifier::Start(Settings(10s), owner);
+  auto notifier = Start(10s);
   ASSERT_NE(notifier, nullptr);
   for (uint32_t i = 0; i < 5; ++i)
     notifier->Post({"0123456789ABCDEF", NotifyKind::kPlay, 0, i});
@@ -112,19 +148,19 @@ TEST_F(NotifierTest, NotifierQuitDiscardsQueuedNotices) {
   const auto start = std::chrono::steady_clock::now();
   notifier->Quit();
   EXPECT_LT(std::chrono::steady_clock::now() - start, 2s) << "the pause does not delay quitting";
-  notifier->Post({"0123456789ABCDEF", NotifyKind::kPlay, 0, 9});
+  EXPECT_FALSE(notifier->Post({"0123456789ABCDEF", NotifyKind::kPlay, 0, 9}));
   EXPECT_EQ(service.peeks().size(), 1u);
   EXPECT_EQ(notifier->sent(), 1u);
 }
 
 TEST_F(NotifierTest, NotifierSendsNothingAfterItsOwnerIsGone) {
-  auto notifier = PlayRatingNotifier::Start(Settings(300ms), owner);
+  auto notifier = Start(300ms);
   ASSERT_NE(notifier, nullptr);
   for (uint32_t i = 0; i < 4; ++i)
     notifier->Post({"0123456789ABCDEF", NotifyKind::kPlay, 0, i});
   for (int i = 0; i < 200 && service.peeks().empty(); ++i)
     std::this_thread::sleep_for(10ms);
-  owner.reset();
+  owner->close();
   notifier->Post({"0123456789ABCDEF", NotifyKind::kPlay, 0, 9});
   notifier->WaitUntilIdle();
   EXPECT_EQ(Targets(),

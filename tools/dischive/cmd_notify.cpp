@@ -55,9 +55,12 @@ void Setup(CLI::App& app, Context& context) {
         records.push_back(std::move(*album));
       }
 
-      const std::shared_ptr<int> owner = std::make_shared<int>(0);
+      // The command is the notifier's host: its window is a message loop that
+      // stays open until the notices are out.
+      const auto owner =
+          std::make_shared<MessageLoop>([](const HostMessage&) { return intptr_t{0}; });
       std::unique_ptr<PlayRatingNotifier> notifier =
-          PlayRatingNotifier::Start(*catalog, *context.settings, owner);
+          StartNotifier(*catalog, *context.settings, owner);
       if (!notifier) throw CommandError(kExitFailure, "the notifier did not start");
       const auto now = static_cast<int32_t>(std::time(nullptr));
       {
@@ -79,12 +82,14 @@ void Setup(CLI::App& app, Context& context) {
         }
       }
       for (const AlbumRecord& album : records) {
-        kind == "play" ? notifier->NotifyPlayed(album, true) : notifier->NotifyRated(album, true);
-        context.Note("queued " + kind + " notice for " + album.id);
+        const bool posted =
+            kind == "play" ? notifier->NotifyPlayed(album) : notifier->NotifyRated(album);
+        if (posted) context.Note("queued " + kind + " notice for " + album.id);
       }
       notifier->WaitUntilIdle();
       const size_t sent = notifier->sent();
       notifier->Quit();
+      owner->close();
       if (context.json) {
         PrintJson(Json{{"kind", kind}, {"albums", albums}, {"sent", sent}});
       } else {
