@@ -10,3 +10,5 @@ find_package(libjpeg-turbo CONFIG REQUIRED)
 find_package(fmt REQUIRED)
 find_package(CLI11 CONFIG REQUIRED)
 find_package(nlohmann_json REQUIRED)
+# CD drives and disc images.
+pkg_check_modules(CDIO REQUIRED IMPORTED_TARGET GLOBAL libcdio)

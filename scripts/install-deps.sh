@@ -12,8 +12,11 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   tinyproxy curl sqlite3
   libtag1-dev
+  libcdio-dev
+  python3-aiosmtpd
 )
 # libtag1-dev: the tag library the reader benchmark compares against.
+# libcdio-dev: CD drives and disc images (cue/bin, cdrdao .toc, nrg).
 # Extra tools on request: the encoders and taggers that regenerate the audio
 # fixtures and the sample music.
 if [[ "${DISCHIVE_DEV_TOOLS:-0}" == 1 ]]; then

@@ -51,6 +51,13 @@ inline uint32_t ComputeFreedbDiscId(const DiscToc& toc) {
 /// that ends before the last track starts.
 std::optional<DiscToc> MakeDiscToc(const std::vector<uint32_t>& frame_offsets,
                                    uint32_t disc_length_seconds, std::string* error);
+/// The same from the lead-out frame (the end of the last track, with the
+/// lead-in), as a drive reports it: the disc length is the lead-out in whole
+/// seconds.
+std::optional<DiscToc> MakeDiscTocFromLeadOut(const std::vector<uint32_t>& frame_offsets,
+                                              uint32_t lead_out_frame, std::string* error);
+/// The line cd-discid prints for a table of contents: "discid n off1 ... offN seconds".
+std::string FormatDiscIdLine(const DiscToc& toc);
 /// The one-line form cd-discid prints: "discid ntracks off1 ... offN seconds".
 /// The disc id is computed from the offsets; *stated_id receives the line's own.
 std::optional<DiscToc> ParseDiscIdLine(std::string_view line, std::string* error,
@@ -112,13 +119,22 @@ struct DiscSubmission {
   std::array<std::string, kMaxSubmissionTracks> track_artist;  ///< may be empty
   std::array<std::string, kMaxSubmissionTracks> track_title;
   std::array<std::string, kMaxSubmissionTracks> track_extended;  ///< EXTT per track
-  std::array<uint32_t, kMaxSubmissionTracks> frame_offsets{};
+  /// Track starts in frames, then the lead-out (the frame after the last
+  /// track) in the slot after the last track's.
+  std::array<uint32_t, kMaxSubmissionTracks + 1> frame_offsets{};
   int32_t revision = 0;
   int32_t year = 0;
   std::string extended;  ///< EXTD
   bool has_year_and_genre = false;
   std::string genre;
   uint32_t disc_length_seconds = 0;
+};
+
+/// One entry of a submission request and, afterwards, its result (0 when the
+/// server accepted it).
+struct SubmissionRecord {
+  DiscSubmission entry;
+  HResult result = kOk;
 };
 
 /// One disc of a lookup request: its table of contents, what the lookup found
@@ -136,8 +152,9 @@ struct DiscRecord {
 struct DiscLookupRequest {
   std::mutex lock;
   std::vector<DiscRecord>* discs = nullptr;  ///< the per-disc records; nullptr: abandoned
-  /// For a submission: the entries to submit (used instead of `discs`).
-  std::vector<DiscSubmission>* submissions = nullptr;
+  /// For a submission: the entries to submit (used instead of `discs`);
+  /// nullptr: abandoned.
+  std::vector<SubmissionRecord>* submissions = nullptr;
   HostWindow* owner = nullptr;  ///< receives progress and the match choice
   /// Posted with a std::string text as payload; wparam is 0 for a single disc,
   /// else index | count << 16.
@@ -277,5 +294,63 @@ AlbumRecord AlbumFromDisc(const DiscToc& toc, const DiscMetadata& metadata);
 /// *album_id receives the album's identifier.
 HResult SaveDiscToCatalog(CatalogEngine& catalog, const DiscToc& toc, const DiscMetadata& metadata,
                           std::string* album_id = nullptr);
+
+// Submission ---------------------------------------------------------------------
+
+/// The eleven freedb categories, in lower case as the server spells them.
+const std::vector<std::string>& FreedbCategories();
+
+/// Checks an entry before it is sent, the first failure deciding: disc id,
+/// track count (1 to 99), artist, category and title (kInvalidSubmission); the
+/// category's spelling (kInvalidCategory); then per track a title, an offset
+/// below the next one (the last track's compared with the lead-out stored after
+/// it) and a title that is not an unedited "Track <n>" (kInvalidSubmission).
+/// *problem, when given, receives which field is wrong.
+HResult ValidateSubmission(const DiscSubmission& submission, std::string* problem = nullptr);
+
+/// Quoted-printable body encoding in place: CR (LF) becomes a hard line end,
+/// control characters other than tab, "=" and bytes above "~" become "=XX",
+/// a soft break "=\r\n" follows once a line holds more than 72 characters, and
+/// a blank or tab at the end of a line is written "=20" / "=09".
+void EncodeQuotedPrintable(std::string& text);
+
+/// The host name for HELO: this machine's name with every character other than
+/// a letter, digit, "_" or "." replaced by "_"; "localhost" when there is none.
+std::string GetHeloName();
+/// The same rule applied to a given name.
+std::string HeloNameFrom(std::string_view host_name);
+
+/// Setting defaults (group "internet2").
+std::string DefaultSubmitUrl();      ///< "submit_url": the first server's submission script
+std::string DefaultSubmitAddress();  ///< "smtp_submit_address": freedb's submission mailbox
+inline constexpr const char* kDefaultSmtpServer = "localhost";  ///< "smtp_server"
+inline constexpr int kDefaultSmtpPort = 25;                     ///< "smtp_server_port"
+/// "request_deadline": seconds one whole exchange may take.
+inline constexpr int kDefaultRequestDeadlineSeconds = 120;
+/// The product's contact address in the "X-Cddbd-Note" line.
+inline constexpr const char* kSubmissionContact = "support@brightfern.example";
+
+/// Validates, writes and posts one entry to "submit_url" with the user's
+/// "email_address". 0 when the script answered 200, else kInvalidSubmission /
+/// kInvalidCategory, kNotHttpAddress, a transport error, kHttpStatusNotOk,
+/// kSubmitScript500, kSubmitScript501 or kFreedbServiceError. `transcript`,
+/// when given, receives the exchange.
+HResult SubmitEntryByHttp(const DiscSubmission& submission, const SettingsStore& settings,
+                          std::string* transcript = nullptr);
+/// Validates, writes and mails one entry through "smtp_server" to
+/// "smtp_submit_address". 0 when the server took the message, else a
+/// validation code or the code of the SMTP step that failed.
+HResult SubmitEntryByMail(const DiscSubmission& submission, const SettingsStore& settings,
+                          std::string* transcript = nullptr);
+
+/// Submits every entry of `request.submissions` by HTTP or mail, storing each
+/// entry's result and posting progress. Returns 0, or kAborted when the host
+/// abandoned the request.
+HResult SubmitByHttp(DiscLookupRequest& request);
+HResult SubmitByHttp(DiscLookupRequest& request, const SettingsStore& settings,
+                     std::string* transcript = nullptr);
+HResult SubmitByMail(DiscLookupRequest& request);
+HResult SubmitByMail(DiscLookupRequest& request, const SettingsStore& settings,
+                     std::string* transcript = nullptr);
 
 }  // namespace dischive

@@ -19,6 +19,7 @@ inline constexpr uint32_t kErrorWithCode = 5051;   ///< "Error %u (0x%08X)" (cod
 inline constexpr uint32_t kLookupStarting = 5087;  ///< progress before the lookups
 inline constexpr uint32_t kLookupDisc = 5091;      ///< progress before each disc
 inline constexpr uint32_t kConnecting = 5169;      ///< "Connecting to %s..." (server or proxy)
+inline constexpr uint32_t kSubmitSending = 5093;   ///< progress before each submitted entry
 inline constexpr uint32_t kLookupClosing = 5092;   ///< progress before closing a CDDB connection
 inline constexpr uint32_t kFreedbUnknownArtist = 5191;  ///< artist of a match line without one
 inline constexpr uint32_t kVariousArtists = 5383;       ///< "Various Artists"

@@ -1,7 +1,7 @@
 // XML answers of the online services: a response body parsed into a document,
 // with XPath selection and optional namespace prefixes. Parsing never touches
-// the network or the file system (no external entities, no external DTD), and
-// entity expansion in node texts is bounded.
+// the network or the file system, a body with a document type declaration (and
+// so any entity declaration) is refused, and so is a body above a size limit.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "dischive/result.h"
+#include "dischive/settings.h"
 
 // libxml2's document and node types, for callers that read further with it.
 struct _xmlDoc;
@@ -53,8 +54,9 @@ class XmlResponseReader {
 
   /// Parses the body (up to its first NUL); the document's own encoding
   /// declaration decides the character set. Returns 0 and the document, E_FAIL
-  /// (0x80004005) when the body is not well-formed XML (last_error() says
-  /// where), or E_INVALIDARG when the namespace declarations are malformed.
+  /// (0x80004005) when the body is not well-formed XML, declares a document
+  /// type or is longer than the limit (last_error() says which), or
+  /// E_INVALIDARG when the namespace declarations are malformed.
   HResult LoadXmlResponse(std::string_view body, XmlDocument& document);
 
   /// The text of the first node the XPath selects under `node` (a document's
@@ -73,6 +75,10 @@ class XmlResponseReader {
   /// 28591 Latin-1.
   uint32_t code_page = 0;
 
+  /// Longest body accepted, in bytes; 0 (the default) takes the setting
+  /// "internet2" "xml_max_bytes" from the global settings.
+  size_t max_bytes = 0;
+
   /// Why the last load failed ("line 3: ..."), empty after a success.
   const std::string& last_error() const { return last_error_; }
 
@@ -83,5 +89,12 @@ class XmlResponseReader {
 /// Bytes of entity expansion a node text may contain; the rest is dropped, so a
 /// document of nested entities cannot blow up memory.
 inline constexpr size_t kMaxEntityExpansion = size_t{1} << 20;
+
+/// The size limit of XML answers when nothing else is set: 64 MiB.
+inline constexpr size_t kDefaultXmlMaxBytes = size_t{64} << 20;
+
+/// "internet2" "xml_max_bytes", or kDefaultXmlMaxBytes when absent or not
+/// positive.
+size_t LoadXmlMaxBytes(const SettingsStore& settings);
 
 }  // namespace dischive

@@ -11,19 +11,23 @@
 namespace dischive::api {
 namespace {
 
+// Holds the host's lock of a lookup or submission request for a scope.
 class HostLock {
  public:
-  explicit HostLock(const DhvDiscLookupRequest& request) : request_(request) {
-    if (request_.lock != nullptr) request_.lock(request_.lockContext);
+  template <typename Request>
+  explicit HostLock(const Request& request)
+      : unlock_(request.unlock), context_(request.lockContext) {
+    if (request.lock != nullptr) request.lock(context_);
   }
   ~HostLock() {
-    if (request_.unlock != nullptr) request_.unlock(request_.lockContext);
+    if (unlock_ != nullptr) unlock_(context_);
   }
   HostLock(const HostLock&) = delete;
   HostLock& operator=(const HostLock&) = delete;
 
  private:
-  const DhvDiscLookupRequest& request_;
+  DhvLockCallback unlock_;
+  void* context_;
 };
 
 DiscMetadata MetadataFromC(const DhvDiscMetadata& in) {
@@ -141,6 +145,37 @@ class CallbackWindow : public HostWindow {
   DiscLookupRequest& mirror_;
 };
 
+// The host's post callback as a submission's window; before each message it
+// passes the host's abandonment on to the running submission.
+class SubmitWindow : public HostWindow {
+ public:
+  SubmitWindow(const DhvSubmitRequest& host, DiscLookupRequest& mirror)
+      : host_(host), mirror_(mirror) {}
+
+  bool post(uint32_t message, uintptr_t wparam, std::any payload) override {
+    bool abandoned;
+    {
+      HostLock lock(host_);
+      abandoned = host_.submissions == nullptr;
+    }
+    if (abandoned) {
+      std::lock_guard<std::mutex> guard(mirror_.lock);
+      mirror_.submissions = nullptr;
+      return false;
+    }
+    if (host_.post == nullptr) return false;
+    const std::string* text = std::any_cast<std::string>(&payload);
+    host_.post(host_.owner, message, wparam, DupString(text != nullptr ? *text : ""));
+    return true;
+  }
+  intptr_t send(uint32_t, uintptr_t, std::any) override { return 0; }
+  bool alive() const override { return true; }
+
+ private:
+  const DhvSubmitRequest& host_;
+  DiscLookupRequest& mirror_;
+};
+
 DHV_RESULT RunLookup(DhvDiscLookupRequest* host,
                      const std::function<HResult(DiscLookupRequest&)>& lookup) {
   if (host == nullptr) return kInvalidArgument;
@@ -185,6 +220,57 @@ DHV_RESULT RunLookup(DhvDiscLookupRequest* host,
   return result;
 }
 
+std::string Text(const char* text) {
+  return text != nullptr ? std::string(text) : std::string();
+}
+
+DiscSubmission SubmissionFromC(const DhvDiscSubmission& in) {
+  DiscSubmission out;
+  out.category = Text(in.category);
+  out.disc_id = in.discId;
+  out.track_count = in.trackCount;
+  out.artist = Text(in.artist);
+  out.title = Text(in.title);
+  for (uint32_t k = 0; k < kMaxSubmissionTracks; ++k) {
+    out.track_artist[k] = Text(in.trackArtist[k]);
+    out.track_title[k] = Text(in.trackTitle[k]);
+    out.track_extended[k] = Text(in.trackExtended[k]);
+  }
+  for (uint32_t k = 0; k <= kMaxSubmissionTracks; ++k)
+    out.frame_offsets[k] = in.frameOffsets[k];
+  out.revision = in.revision;
+  out.year = in.year;
+  out.extended = Text(in.extended);
+  out.has_year_and_genre = in.hasYearAndGenre != 0;
+  out.genre = Text(in.genre);
+  out.disc_length_seconds = in.discLengthSeconds;
+  return out;
+}
+
+DHV_RESULT RunSubmission(DhvSubmitRequest* host,
+                         const std::function<HResult(DiscLookupRequest&)>& submit) {
+  if (host == nullptr) return kInvalidArgument;
+  std::vector<SubmissionRecord> entries;
+  {
+    HostLock lock(*host);
+    if (host->submissions == nullptr) return kAborted;
+    for (uint32_t i = 0; i < host->submissionCount; ++i)
+      entries.push_back({SubmissionFromC(host->submissions[i].entry), kOk});
+  }
+  DiscLookupRequest mirror;
+  mirror.submissions = &entries;
+  SubmitWindow window(*host, mirror);
+  mirror.owner = &window;
+  mirror.progress_message = host->progressMessage;
+  const HResult result = submit(mirror);
+
+  HostLock lock(*host);
+  if (host->submissions == nullptr || result == kAborted) return kAborted;
+  for (uint32_t i = 0; i < host->submissionCount && i < entries.size(); ++i)
+    host->submissions[i].result = entries[i].result;
+  return result;
+}
+
 }  // namespace
 }  // namespace dischive::api
 
@@ -196,4 +282,14 @@ extern "C" DHV_RESULT LookupDiscsFreedb(DhvDiscLookupRequest* request) {
 extern "C" DHV_RESULT LookupDiscsCddbp(DhvDiscLookupRequest* request) {
   return dischive::api::RunLookup(
       request, [](dischive::DiscLookupRequest& r) { return dischive::LookupDiscsCddbp(r); });
+}
+
+extern "C" DHV_RESULT SubmitByMail(DhvSubmitRequest* request) {
+  return dischive::api::RunSubmission(
+      request, [](dischive::DiscLookupRequest& r) { return dischive::SubmitByMail(r); });
+}
+
+extern "C" DHV_RESULT SubmitByHttp(DhvSubmitRequest* request) {
+  return dischive::api::RunSubmission(
+      request, [](dischive::DiscLookupRequest& r) { return dischive::SubmitByHttp(r); });
 }

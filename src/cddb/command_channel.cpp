@@ -2,6 +2,8 @@
 
 #include <fmt/printf.h>
 
+#include <algorithm>
+
 #include "dischive/http.h"
 
 namespace dischive::detail {
@@ -17,10 +19,19 @@ void CommandChannel::LogReceived(std::string_view prefixed, std::string_view res
   if (!rest.empty()) AppendTranscriptLines(transcript_, rest, TranscriptDirection::kNote);
 }
 
+std::chrono::milliseconds CommandChannel::TimeLeft(std::chrono::milliseconds limit) const {
+  if (!deadline_) return limit;
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(*deadline_ - std::chrono::steady_clock::now());
+  if (left.count() <= 0) throw ProtocolError{kDialogueTimedOut};
+  return std::min(left, limit);
+}
+
 void CommandChannel::Connect(const std::string& server, uint16_t port) {
   Close();
   Note(fmt::sprintf("Connecting to %s:%d\n", server, port));
-  if (const HResult r = socket_.Connect(server, port); r != kOk) throw ProtocolError{r};
+  const auto timeout = TimeLeft(platform::TcpSocket::kDefaultConnectTimeout);
+  if (const HResult r = socket_.Connect(server, port, timeout); r != kOk) throw ProtocolError{r};
 }
 
 void CommandChannel::Send(std::string_view line) {
@@ -29,6 +40,8 @@ void CommandChannel::Send(std::string_view line) {
 }
 
 size_t CommandChannel::ReceiveSome(char* buffer, size_t length) {
+  // Each receive waits the idle time-out, or less when the deadline is nearer.
+  socket_.SetReceiveTimeout(TimeLeft(receive_timeout_));
   size_t received = 0;
   if (const HResult r = socket_.Receive(buffer, length, &received); r != kOk) {
     throw ProtocolError{r};
@@ -85,19 +98,24 @@ std::string CommandChannel::ReadBody(BodyEnd end, size_t capacity, bool* cut) {
   return body;
 }
 
-CommandChannel::Reply CommandChannel::ReadReply(
-    const std::function<std::optional<int>(std::string_view line)>& final_code) {
+CommandChannel::Reply CommandChannel::ReadReply(const FinalLine& final_code,
+                                                const ReplyLimits& limits) {
   Reply reply;
   for (;;) {
     size_t lf;
     while ((lf = pending_.find('\n')) == std::string::npos) {
-      // A line longer than any protocol allows is an unusable answer.
-      if (pending_.size() > 64 * kLineChunk) throw ProtocolError{kFreedbServiceError};
+      // A line longer than the protocol allows is an unusable answer.
+      if (pending_.size() > limits.max_line) throw ProtocolError{limits.too_long};
       char chunk[kLineChunk];
       pending_.append(chunk, ReceiveSome(chunk, kLineChunk));
     }
+    if (lf >= limits.max_line) throw ProtocolError{limits.too_long};
     const std::string line = pending_.substr(0, lf + 1);
     pending_.erase(0, lf + 1);
+    // A server that sends continuation lines without end never finishes a reply.
+    if (line.size() > limits.max_total - std::min(limits.max_total, reply.text.size())) {
+      throw ProtocolError{limits.too_long};
+    }
     const size_t code_length = std::min<size_t>(3, line.size());
     LogReceived(std::string_view(line).substr(0, code_length),
                 std::string_view(line).substr(code_length));

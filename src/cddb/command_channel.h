@@ -29,6 +29,17 @@ struct ProtocolError {
 
 /// Received when the peer closed the connection in the middle of an answer.
 inline constexpr HResult kConnectionClosed = 10054;  // WSAECONNRESET
+/// Received when the dialogue's deadline passed.
+inline constexpr HResult kDialogueTimedOut = 10060;  // WSAETIMEDOUT
+
+/// Bounds of one line reply (ReadReply): the longest line, the most bytes of
+/// all its lines, and the code a reply that exceeds either fails with (each
+/// protocol, or each step of it, names its own).
+struct ReplyLimits {
+  size_t max_line = 64 * 1023;
+  size_t max_total = 256 * 1024;
+  HResult too_long = 0x80004005;  // E_FAIL
+};
 
 class CommandChannel {
  public:
@@ -39,7 +50,8 @@ class CommandChannel {
   CommandChannel(const CommandChannel&) = delete;
   CommandChannel& operator=(const CommandChannel&) = delete;
 
-  /// Notes "Connecting to <server>:<port>" and connects. Throws ProtocolError.
+  /// Notes "Connecting to <server>:<port>" and connects (within the deadline,
+  /// when one is set). Throws ProtocolError.
   void Connect(const std::string& server, uint16_t port);
   /// Sends one command line (which ends in "\n"). Throws ProtocolError.
   void Send(std::string_view line);
@@ -64,18 +76,27 @@ class CommandChannel {
   /// Reads the lines of one reply until `final_code` returns the code of its
   /// final line (for replies whose continuation lines differ from the last,
   /// "250-..." then "250 ..."). Lines are logged with the code part prefixed
-  /// "<| ". Returns the code and the text of all lines. Throws ProtocolError.
+  /// "<| ". Returns the code and the text of all lines. Throws ProtocolError,
+  /// with limits.too_long for a line or reply beyond the limits.
   struct Reply {
     int code = 0;
     std::string text;
   };
-  Reply ReadReply(const std::function<std::optional<int>(std::string_view line)>& final_code);
+  using FinalLine = std::function<std::optional<int>(std::string_view line)>;
+  Reply ReadReply(const FinalLine& final_code, const ReplyLimits& limits);
+  /// The same with the default limits.
+  Reply ReadReply(const FinalLine& final_code) { return ReadReply(final_code, ReplyLimits{}); }
 
   /// Appends a note (unprefixed) or received text to the transcript.
   void Note(std::string_view text);
   void LogReceived(std::string_view prefixed, std::string_view rest);
 
-  void SetReceiveTimeout(std::chrono::milliseconds timeout) { socket_.SetReceiveTimeout(timeout); }
+  /// The longest wait for data of one receive (the idle time-out).
+  void SetReceiveTimeout(std::chrono::milliseconds timeout) { receive_timeout_ = timeout; }
+  /// An overall deadline for the dialogue: connecting and every receive end
+  /// with kDialogueTimedOut once it has passed, however steadily data trickles in.
+  void SetDeadline(std::chrono::steady_clock::time_point deadline) { deadline_ = deadline; }
+  void ClearDeadline() { deadline_.reset(); }
   void Close();
   bool is_open() const { return socket_.is_open(); }
   const std::string& transcript() const { return transcript_; }
@@ -85,7 +106,13 @@ class CommandChannel {
   // One receive of at most `length` bytes into `buffer`; never returns 0.
   size_t ReceiveSome(char* buffer, size_t length);
 
+  // The time left before the deadline, at most `limit`; throws
+  // kDialogueTimedOut when none is left.
+  std::chrono::milliseconds TimeLeft(std::chrono::milliseconds limit) const;
+
   platform::TcpSocket socket_;
+  std::chrono::milliseconds receive_timeout_ = platform::TcpSocket::kDefaultReceiveTimeout;
+  std::optional<std::chrono::steady_clock::time_point> deadline_;
   std::string transcript_;
   std::string pending_;  // bytes ReadReply received beyond its reply
 };

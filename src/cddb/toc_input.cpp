@@ -56,6 +56,22 @@ std::optional<DiscToc> MakeDiscToc(const std::vector<uint32_t>& frame_offsets,
   return toc;
 }
 
+std::optional<DiscToc> MakeDiscTocFromLeadOut(const std::vector<uint32_t>& frame_offsets,
+                                              uint32_t lead_out_frame, std::string* error) {
+  if (!frame_offsets.empty() && lead_out_frame <= frame_offsets.back()) {
+    return Fail(
+        error, fmt::format("the lead-out at frame {} is not after the last track", lead_out_frame));
+  }
+  return MakeDiscToc(frame_offsets, lead_out_frame / 75, error);
+}
+
+std::string FormatDiscIdLine(const DiscToc& toc) {
+  std::string line = fmt::format("{:08x} {}", toc.disc_id, toc.track_count);
+  for (uint32_t i = 0; i < toc.track_count && i < kMaxDiscTracks; ++i)
+    line += fmt::format(" {}", toc.frame_offsets[i]);
+  return line + fmt::format(" {}", toc.disc_length_seconds);
+}
+
 std::optional<DiscToc> ParseDiscIdLine(std::string_view line, std::string* error,
                                        uint32_t* stated_id) {
   const std::vector<std::string> w = Words(line);

@@ -1,7 +1,11 @@
 // XML responses on libxml2. The parser runs without network access, without
 // entity substitution and without loading DTDs; a process-wide entity loader
 // refuses every external resource while a response is parsed on this thread,
-// so a hostile body cannot make the library read a local file.
+// so a hostile body cannot make the library read a local file. No service
+// answer needs a document type declaration, so a body that has one is refused
+// the moment the parser meets it: entity declarations (nested, wide or
+// external) never get as far as being parsed. Bodies above a size limit are
+// refused before parsing.
 #include "dischive/xml_response.h"
 
 #include <libxml/parser.h>
@@ -15,6 +19,7 @@
 #include <string>
 #include <utility>
 
+#include "dischive/settings.h"
 #include "dischive/text.h"
 
 namespace dischive {
@@ -46,6 +51,22 @@ class ParsingScope {
 };
 
 void IgnoreXPathError(void*, xmlErrorPtr) {}
+
+// Marks the parse as refused and stops it; called by the parser when it meets
+// "<!DOCTYPE" (before the internal subset is read) or an entity declaration.
+void Refuse(void* user_data) {
+  auto* ctxt = static_cast<xmlParserCtxtPtr>(user_data);
+  ctxt->_private = ctxt;  // any non-null value: refused
+  xmlStopParser(ctxt);
+}
+
+void RefuseDoctype(void* user_data, const xmlChar*, const xmlChar*, const xmlChar*) {
+  Refuse(user_data);
+}
+
+void RefuseEntity(void* user_data, const xmlChar*, int, const xmlChar*, const xmlChar*, xmlChar*) {
+  Refuse(user_data);
+}
 
 bool IsXmlBlank(char c) {
   return c == ' ' || c == '\t' || c == '\r' || c == '\n';
@@ -118,6 +139,11 @@ void GatherText(const xmlNode* node, std::string& out, size_t& entity_budget, in
 
 }  // namespace
 
+size_t LoadXmlMaxBytes(const SettingsStore& settings) {
+  const int32_t value = settings.GetInt("internet2", "xml_max_bytes", 0);
+  return value > 0 ? static_cast<size_t>(value) : kDefaultXmlMaxBytes;
+}
+
 XmlDocument::~XmlDocument() {
   reset();
 }
@@ -153,13 +179,35 @@ HResult XmlResponseReader::LoadXmlResponse(std::string_view body, XmlDocument& d
     return kFail;
   }
 
+  const size_t limit = max_bytes != 0 ? max_bytes : LoadXmlMaxBytes(*GlobalSettings());
+  if (body.size() > limit) {
+    last_error_ = "the answer is larger than " + std::to_string(limit) + " bytes";
+    return kFail;
+  }
+
   InstallLoader();
+  xmlParserCtxtPtr ctxt = xmlNewParserCtxt();
+  if (ctxt == nullptr) {
+    last_error_ = "out of memory";
+    return kFail;
+  }
+  ctxt->sax->internalSubset = &RefuseDoctype;
+  ctxt->sax->externalSubset = &RefuseDoctype;
+  ctxt->sax->entityDecl = &RefuseEntity;
+  ctxt->_private = nullptr;
   xmlDocPtr doc = nullptr;
   {
     ParsingScope scope;
     xmlResetLastError();
-    doc = xmlReadMemory(body.data(), static_cast<int>(body.size()), nullptr, nullptr,
-                        XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+    doc = xmlCtxtReadMemory(ctxt, body.data(), static_cast<int>(body.size()), nullptr, nullptr,
+                            XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+  }
+  const bool refused = ctxt->_private != nullptr;
+  xmlFreeParserCtxt(ctxt);
+  if (refused) {
+    if (doc != nullptr) xmlFreeDoc(doc);
+    last_error_ = "the answer declares a document type (DTD or entities), which is not accepted";
+    return kFail;
   }
   if (doc == nullptr) {
     const xmlError* error = xmlGetLastError();

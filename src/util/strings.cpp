@@ -41,6 +41,7 @@ constexpr BuiltinString kBuiltin[] = {
     {5091, "Looking up the disc in freedb..."},
     // Winsock errors.
     {5092, "Closing the connection to the freedb server..."},
+    {5093, "Sending the entry to freedb..."},
     {5108, "Permission denied."},
     {5109, "The address is already in use."},
     {5110, "The requested address is not valid in its context."},

@@ -221,6 +221,76 @@ TEST_F(ApiTest, BothLookupExportsWorkThroughTheHostsCallbacks) {
   }
 }
 
+struct SubmitHost {
+  std::mutex mutex;
+  std::vector<std::string> progress;
+  DhvSubmissionRecord records[2] = {};
+  DhvSubmitRequest request = {};
+  static void Lock(void* context) { static_cast<SubmitHost*>(context)->mutex.lock(); }
+  static void Unlock(void* context) { static_cast<SubmitHost*>(context)->mutex.unlock(); }
+  static void Post(void* owner, uint32_t, uintptr_t, char* text) {
+    static_cast<SubmitHost*>(owner)->progress.push_back(text);
+    std::free(text);
+  }
+};
+
+TEST_F(ApiTest, SubmitExportsStoreEachEntrysResult) {
+  test::LoopbackHttpServer http;
+  std::string received;
+  http.server().Post("/submit.cgi", [&](const httplib::Request& req, httplib::Response& res) {
+    received = req.body;
+    res.set_content("200 OK\n", "text/plain");
+  });
+  ASSERT_TRUE(http.Start());
+  test::TempDir home;
+  test::WriteFile(home / "dischive" / "dischive.ini",
+                  "[internet2]\npreconfig_http_proxy=0\nsubmit_url=http://127.0.0.1:" +
+                      std::to_string(http.port()) +
+                      "/submit.cgi\nemail_address=me@example.org\nsmtp_server=127.0.0.1\n"
+                      "smtp_server_port=1\n");
+  const test::ScopedEnv config("XDG_CONFIG_HOME", home.path().string());
+  auto* by_http = Get<DHV_RESULT(DhvSubmitRequest*)>("SubmitByHttp");
+  auto* by_mail = Get<DHV_RESULT(DhvSubmitRequest*)>("SubmitByMail");
+  ASSERT_NE(by_http, nullptr);
+  ASSERT_NE(by_mail, nullptr);
+  EXPECT_EQ(by_http(nullptr), 0x80070057u);
+
+  SubmitHost host;
+  for (DhvSubmissionRecord& r : host.records) {
+    r.entry.category = "rock";
+    r.entry.discId = 0x0a0b0c02;
+    r.entry.trackCount = 2;
+    r.entry.artist = "The Band";
+    r.entry.title = "Songs";
+    r.entry.trackTitle[0] = "One";
+    r.entry.trackTitle[1] = "Two";
+    r.entry.frameOffsets[0] = 150;
+    r.entry.frameOffsets[1] = 15150;
+    r.entry.frameOffsets[2] = 30150;
+    r.result = 0xFFFFFFFF;
+  }
+  host.records[1].entry.category = nullptr;  // an incomplete record
+  host.request = {&SubmitHost::Lock,
+                  &SubmitHost::Unlock,
+                  &host,
+                  host.records,
+                  2,
+                  &host,
+                  &SubmitHost::Post,
+                  0x8001u};
+  EXPECT_EQ(by_http(&host.request), 0u);
+  EXPECT_EQ(host.records[0].result, 0u);
+  EXPECT_EQ(host.records[1].result, 0x8111000Cu);
+  EXPECT_NE(received.find("DTITLE=The Band / Songs\r\n"), std::string::npos);
+  EXPECT_EQ(host.progress.size(), 2u);
+
+  // Port 1 refuses the connection: the first SMTP step fails.
+  EXPECT_EQ(by_mail(&host.request), 0u);
+  EXPECT_EQ(host.records[0].result, 0x81110007u);
+  host.request.submissions = nullptr;
+  EXPECT_EQ(by_mail(&host.request), 0x80004004u);
+}
+
 TEST_F(ApiTest, BackupWrittenAndReadBack) {
   auto* write = Get<decltype(::WriteBackupFile)>("WriteBackupFile");
   auto* read = Get<decltype(::ReadBackupInfo)>("ReadBackupInfo");

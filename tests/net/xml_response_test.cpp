@@ -3,6 +3,9 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <fstream>
+
 #include "dischive/xml_response.h"
 #include "support/temp_dir.h"
 
@@ -112,7 +115,19 @@ TEST(XmlResponseTest, HostileDocumentsReadNoFileAndStayBounded) {
   char events[4096];
   EXPECT_LE(read(watch_fd, events, sizeof events), 0) << "the file was opened";
   close(watch_fd);
+}
 
+// Peak resident memory of the process, in KiB.
+long PeakRssKib() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.rfind("VmHWM:", 0) == 0) return std::stol(line.substr(6));
+  }
+  return -1;
+}
+
+TEST(XmlResponseTest, EntityAttacksAndOversizedBodiesAreRefusedQuicklyInBoundedMemory) {
   std::string laughs = "<?xml version=\"1.0\"?><!DOCTYPE r [<!ENTITY l0 \"lollollollol\">";
   for (int i = 1; i <= 9; ++i) {
     laughs += "<!ENTITY l" + std::to_string(i) + " \"";
@@ -120,21 +135,68 @@ TEST(XmlResponseTest, HostileDocumentsReadNoFileAndStayBounded) {
       laughs += "&l" + std::to_string(i - 1) + ";";
     laughs += "\">";
   }
-  laughs += "]><r>&l9;</r>";
+  laughs += "]><r a=\"&l9;\">&l9;</r>";
+  // Quadratic blowup: one large entity referenced many times.
+  std::string quadratic = "<!DOCTYPE r [<!ENTITY k \"" + std::string(50000, 'k') + "\">]><r>";
+  for (int i = 0; i < 50000; ++i)
+    quadratic += "&k;";
+  quadratic += "</r>";
+  // The same after a UTF-16 byte order mark, which a plain byte search would miss.
+  const std::string utf8_wide = "<!DOCTYPE r [<!ENTITY k \"kkkk\">]><r>&k;</r>";
+  std::string utf16 = "\xFF\xFE";
+  for (const char c : utf8_wide) {
+    utf16 += c;
+    utf16 += '\0';
+  }
+  const struct {
+    const char* name;
+    std::string body;
+  } kAttacks[] = {
+      {"billion laughs", laughs},
+      {"quadratic blowup", quadratic},
+      {"internal entity", "<!DOCTYPE r [<!ENTITY e \"x\">]><r>&e;</r>"},
+      {"external entity", "<!DOCTYPE r [<!ENTITY e SYSTEM \"http://127.0.0.1:9/x\">]><r>&e;</r>"},
+      {"parameter entity", "<!DOCTYPE r [<!ENTITY % p SYSTEM \"file:///etc/passwd\"> %p;]><r/>"},
+      {"external DTD", "<!DOCTYPE r SYSTEM \"file:///etc/passwd\"><r>ok</r>"},
+      {"public DTD", "<!DOCTYPE r PUBLIC \"-//W3C//DTD XHTML 1.0//EN\" \"x.dtd\"><r/>"},
+      {"empty DOCTYPE", "<?xml version=\"1.0\"?>\n<!-- c --><!DOCTYPE r><r/>"},
+  };
+  const long rss_before = PeakRssKib();
+  for (const auto& attack : kAttacks) {
+    XmlResponseReader reader;
+    XmlDocument doc;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(reader.LoadXmlResponse(attack.body, doc), kFail) << attack.name;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1)) << attack.name;
+    EXPECT_FALSE(doc) << attack.name;
+    EXPECT_NE(reader.last_error().find("document type"), std::string::npos)
+        << attack.name << ": " << reader.last_error();
+  }
+  EXPECT_LT(PeakRssKib() - rss_before, 64 * 1024) << "KiB of peak memory added";
+  // UTF-16 with a DOCTYPE takes the same way out.
   XmlResponseReader reader;
   XmlDocument doc;
-  EXPECT_EQ(reader.LoadXmlResponse(laughs, doc), kFail);  // refused by the parser
+  EXPECT_EQ(reader.LoadXmlResponse(std::string_view(utf16), doc), kFail);
 
-  // Wide instead of deep: 20 MB of expansion from an 80 KB body parses, and its
-  // text stops at the expansion budget.
-  std::string wide = "<!DOCTYPE r [<!ENTITY k \"" + std::string(1000, 'k') + "\">]><r>";
-  for (int i = 0; i < 20000; ++i)
-    wide += "&k;";
-  wide += "</r>";
-  ASSERT_EQ(reader.LoadXmlResponse(wide, doc), kOk) << reader.last_error();
-  std::string text;
-  ASSERT_TRUE(reader.SelectNodeText(doc.node(), "r", text));
-  EXPECT_EQ(text.size(), kMaxEntityExpansion);
+  // Size: one byte over the reader's limit is refused before parsing, at the
+  // limit it parses; the limit comes from the settings unless set.
+  const std::string body = "<r>" + std::string(1000, 'x') + "</r>";
+  reader.max_bytes = body.size();
+  EXPECT_EQ(reader.LoadXmlResponse(body, doc), kOk) << reader.last_error();
+  reader.max_bytes = body.size() - 1;
+  EXPECT_EQ(reader.LoadXmlResponse(body, doc), kFail);
+  EXPECT_NE(reader.last_error().find("larger than"), std::string::npos) << reader.last_error();
+  const std::string big = "<r>" + std::string(size_t{65} << 20, 'x') + "</r>";
+  reader.max_bytes = 0;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(reader.LoadXmlResponse(big, doc), kFail);  // the 64 MiB default
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  MemorySettingsStore settings;
+  EXPECT_EQ(LoadXmlMaxBytes(settings), kDefaultXmlMaxBytes);
+  settings.SetInt("internet2", "xml_max_bytes", 4096);
+  EXPECT_EQ(LoadXmlMaxBytes(settings), 4096u);
+  settings.SetInt("internet2", "xml_max_bytes", -1);
+  EXPECT_EQ(LoadXmlMaxBytes(settings), kDefaultXmlMaxBytes);
 }
 
 }  // namespace

@@ -31,7 +31,9 @@ void Context::Note(const std::string& text) const {
 }
 
 void PrintJson(const Json& value) {
-  std::cout << value.dump(2) << '\n';
+  // Paths and texts from files need not be UTF-8: bad bytes become U+FFFD
+  // instead of failing the command.
+  std::cout << value.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
 }
 
 int ExitCodeFor(HResult code) {

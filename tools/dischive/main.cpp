@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "cli.h"
+#include "dischive/crash_report.h"
 #include "dischive/strings.h"
 #include "dischive/version.h"
 
@@ -51,6 +52,9 @@ void PrepareSettings(Context& context) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Any crash of the program leaves a report (see CrashReportPath()); the
+  // handlers stay installed until the process ends.
+  const dischive::CrashHandlersHolder crash_handlers = dischive::InstallCrashReporter();
   Context context;
   context.stdin_is_terminal = ::isatty(STDIN_FILENO) != 0;
   context.stderr_is_terminal = ::isatty(STDERR_FILENO) != 0;
