@@ -130,6 +130,67 @@ void DHVAPI_CALL DestroyXmlResponseReader(XmlResponseReader* reader);
 DHV_RESULT DHVAPI_CALL LoadXmlResponse(XmlResponseReader* reader, const char* body,
                                        struct _xmlDoc** document);
 
+/* Collection service --------------------------------------------------------- */
+
+typedef struct DhvServiceParam {
+  const char* name;
+  const char* value;
+} DhvServiceParam;
+
+/* One cover image of a "cover" request; attachment k (1-based) is "file<k>". */
+typedef struct DhvCoverAttachment {
+  const void* bytes;
+  uint32_t length;
+  const char* album_id; /* 16 hexadecimal digits */
+} DhvCoverAttachment;
+
+/* The service's state of one album from a "list" answer. */
+typedef struct DhvAlbumState {
+  char id[17];
+  uint32_t modified;
+  uint32_t played;
+  uint32_t rated;
+  char cover_hash[33]; /* empty when the answer had none */
+} DhvAlbumState;
+
+/* The answer of a request. Each array is one malloc'ed block (the pairs'
+ * texts included) that the caller frees with free(); NULL when empty. */
+typedef struct DhvServiceResult {
+  DhvServiceParam* params;
+  uint32_t param_count;
+  DhvAlbumState* albums; /* "list" only */
+  uint32_t album_count;
+} DhvServiceResult;
+
+/* Sends one request to the service host ("/xml"): the envelope with the command
+ * word and the params, for "put" the collection document read from
+ * payload_path, as a plain XML body. `settings` gives proxy and agent (NULL:
+ * the library's settings); the exchange is appended to *log when log is not
+ * NULL; `result` (may be NULL) receives the answer. Returns 0, 0x81110002 when
+ * the service answered with an error (see GetServiceErrorMessage), 0x81110010
+ * for an HTTP status other than 200, or the transport's or file's failure. */
+DHV_RESULT DHVAPI_CALL SendServiceRequest(const char* command, const DhvServiceParam* params,
+                                          uint32_t param_count, const char* payload_path,
+                                          const InternetSettings* settings, char** log,
+                                          const DhvCoverAttachment* covers, uint32_t cover_count,
+                                          DhvServiceResult* result);
+/* The same as a multipart form that carries the attachments' bytes. */
+DHV_RESULT DHVAPI_CALL SendServiceRequestWithCovers(const char* command,
+                                                    const DhvServiceParam* params,
+                                                    uint32_t param_count, const char* payload_path,
+                                                    const InternetSettings* settings, char** log,
+                                                    const DhvCoverAttachment* covers,
+                                                    uint32_t cover_count, DhvServiceResult* result);
+/* Sets the service host ("host" or "host:port"); NULL or "" restores the
+ * built-in host. */
+void DHVAPI_CALL SetServiceHostName(const char* host);
+/* The last error message of the service, malloc'ed, or NULL when none. */
+char* DHVAPI_CALL GetServiceErrorMessage(void);
+void DHVAPI_CALL ClearServiceErrorMessage(void);
+/* The value of the first pair named exactly `name`, or NULL. */
+const char* DHVAPI_CALL FindServiceParam(const DhvServiceParam* params, uint32_t count,
+                                         const char* name);
+
 /* Amazon product search ------------------------------------------------------- */
 
 /* Signed request URLs for the album search of the product search service. The

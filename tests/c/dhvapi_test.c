@@ -57,6 +57,26 @@ static void test_http_texts(void) {
   free(text);
 }
 
+static void test_service(void) {
+  DhvServiceParam params[3] = {{"Name", "1"}, {"name", "2"}, {"name", "3"}};
+  DhvServiceResult result;
+  char* log = NULL;
+  CHECK(strcmp(FindServiceParam(params, 3, "name"), "2") == 0);
+  CHECK(FindServiceParam(params, 3, "nam") == NULL);
+  CHECK(FindServiceParam(params, 0, "name") == NULL);
+  ClearServiceErrorMessage();
+  CHECK(GetServiceErrorMessage() == NULL);
+  CHECK(SendServiceRequest(NULL, NULL, 0, NULL, NULL, NULL, NULL, 0, &result) == 0x80070057u);
+  CHECK(SendServiceRequest("list", NULL, 2, NULL, NULL, NULL, NULL, 0, &result) == 0x80070057u);
+  /* Nobody listens on port 1: the transport's "cannot connect", nothing logged. */
+  SetServiceHostName("127.0.0.1:1");
+  CHECK(SendServiceRequest("list", params, 3, NULL, NULL, &log, NULL, 0, &result) == 12029);
+  CHECK(result.params == NULL && result.albums == NULL && log == NULL);
+  CHECK(SendServiceRequest("put", NULL, 0, "/nonexistent/doc.xml", NULL, NULL, NULL, 0, NULL) ==
+        0x80070002u);
+  SetServiceHostName(NULL);
+}
+
 static void test_crash_reporter(void) {
   char state[] = "/tmp/dhvapi_test.XXXXXX";
   char expected[64];
@@ -268,6 +288,7 @@ static void test_lookup_worker(void) {
 int main(void) {
   test_identifiers();
   test_http_texts();
+  test_service();
   test_crash_reporter();
   test_lookup_worker();
   return failures == 0 ? 0 : 1;
