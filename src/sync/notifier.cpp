@@ -1,5 +1,6 @@
 // The play and rating notifier: a thread mailbox of notices drained by one thread.
 #include "dischive/notifier.h"
+#include "dischive/crash_report.h"
 
 #include <fmt/format.h>
 
@@ -55,7 +56,10 @@ std::unique_ptr<PlayRatingNotifier> StartNotifier(CatalogEngine& catalog, Notifi
   if (settings.login.empty() || settings.dbkey.empty() || !owner) return nullptr;
   std::unique_ptr<PlayRatingNotifier> notifier(
       new PlayRatingNotifier(catalog, std::move(settings), std::move(owner)));
-  notifier->thread_ = std::thread([n = notifier.get()] { n->NotifierThread(); });
+  notifier->thread_ = std::thread([n = notifier.get()] {
+    const ThreadSignalStack signal_stack;  // so a crash here is reported too
+    n->NotifierThread();
+  });
   return notifier;
 }
 
