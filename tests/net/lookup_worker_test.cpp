@@ -102,9 +102,11 @@ class LookupWorkerTest : public ::testing::Test {
     return names;
   }
 
-  test::LoopbackHttpServer server_;
   std::mutex mutex_;
   std::vector<std::pair<std::string, Clock::time_point>> arrivals_;
+  // Declared after what its handler writes, so that it stops (and its last
+  // handler returns) before those are destroyed.
+  test::LoopbackHttpServer server_;
   std::shared_ptr<MemorySettingsStore> store_ = std::make_shared<MemorySettingsStore>();
   Ledger ledger_;
   LookupWorker worker_{7, "Imaging", 1, store_};
