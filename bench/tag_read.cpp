@@ -21,8 +21,8 @@
 #include <iterator>
 #include <vector>
 
-#include "dischive/tag_readers.h"
 #include "dischive/tags.h"
+#include "scan/tag_readers.h"
 #include "support/bench_support.h"
 
 namespace {

@@ -316,6 +316,102 @@ DHV_RESULT DHVAPI_CALL SubmitByMail(DhvSubmitRequest* request);
  * than 200, 0x8111000D/0x8111000E for the script's 500/501, 0x81110002 for
  * another answer, 0x800C0002 when submit_url is not an http address). */
 DHV_RESULT DHVAPI_CALL SubmitByHttp(DhvSubmitRequest* request);
+/* Background lookups ----------------------------------------------------------
+ * A worker runs HTTP GET requests in the background: a fixed number of slots,
+ * one thread per running request, a waiting queue. A finished request is
+ * handed to the host window's post callback on the request's thread; the host
+ * passes it to CompleteRequest on its own thread, which calls onComplete,
+ * starts the next queued request and deletes the finished one (destroy).
+ * Submission, completion, cancellation and the idle test belong to the host's
+ * thread. */
+
+typedef struct DhvLookupRequest DhvLookupRequest;
+
+/* The window a request reports to. Both callbacks run on a request thread. */
+typedef struct DhvHostWindow {
+  void* context;
+  /* Queues the completion for the host's thread; non-zero when it was queued
+   * (the host now owns the request and gives it to CompleteRequest), 0 when
+   * the window is gone (the request is then deleted). */
+  int(DHVAPI_CALL* post)(void* context, uint32_t message, uintptr_t wparam,
+                         DhvLookupRequest* request);
+  /* Non-zero while the window exists. */
+  int(DHVAPI_CALL* alive)(void* context);
+} DhvHostWindow;
+
+/* The host's operations of a request (the request "class"). */
+typedef struct DhvLookupRequestOps {
+  /* On the host's thread, from CompleteRequest: read the results here. */
+  void(DHVAPI_CALL* onComplete)(DhvLookupRequest* request);
+  /* On the host's thread, just before the start; may be NULL. */
+  void(DHVAPI_CALL* prepare)(DhvLookupRequest* request);
+  /* The URL to fetch (http or https); copied at once. */
+  const char*(DHVAPI_CALL* getUrl)(DhvLookupRequest* request);
+  /* The window to report to, asked on the request's thread; NULL makes that
+   * thread delete the request. */
+  const DhvHostWindow*(DHVAPI_CALL* getOwnerWindow)(DhvLookupRequest* request);
+  /* The message number handed to post. */
+  uint32_t(DHVAPI_CALL* getMessageId)(DhvLookupRequest* request);
+  /* Called once when the worker deletes the request, after it freed the result
+   * texts; release the record here. May be NULL. */
+  void(DHVAPI_CALL* destroy)(DhvLookupRequest* request);
+} DhvLookupRequestOps;
+
+/* One request: the host allocates and zeroes it, fills ops, context and the
+ * inputs, and submits it. The worker owns it from a successful or queued
+ * submission until destroy. The result fields are valid in onComplete. */
+struct DhvLookupRequest {
+  const DhvLookupRequestOps* ops;
+  void* context; /* the host's */
+  /* Inputs. */
+  const char* extraHeaders; /* CR LF separated, or NULL */
+  uint32_t decoding;
+  uint32_t noAuthentication;
+  /* Results (texts malloc'ed by the worker and freed before destroy). */
+  uint32_t port;
+  DHV_RESULT error; /* the transport's result, 0 when the exchange took place */
+  uint32_t statusCode;
+  char* server;
+  char* object;
+  char* transcript;
+  char* body; /* NUL-terminated */
+  uint32_t bodyLength;
+  uint32_t threadId;
+  uint32_t minInterval; /* the worker's, copied at the start */
+  void* internal;       /* the worker's; leave NULL */
+};
+
+/* A worker record; minInterval (milliseconds from the end of one request to
+ * the start of the next, process-wide) may be set by the host at any time on
+ * its thread. */
+typedef struct DhvLookupWorker {
+  uint32_t minInterval;
+  uint32_t callerValue;
+  void* internal;
+} DhvLookupWorker;
+
+/* Sets up a worker in the host's record. profileSection: a settings group
+ * whose "UserAgent" replaces the agent, or NULL. slots: at least 1. Returns 0,
+ * or 0x80070057 for a bad argument. */
+DHV_RESULT DHVAPI_CALL ConstructLookupWorker(DhvLookupWorker* worker, uint32_t callerValue,
+                                             const char* profileSection, int32_t slots);
+/* Cancels every request and releases the worker (the record stays the host's). */
+void DHVAPI_CALL DestructLookupWorker(DhvLookupWorker* worker);
+/* 1 when the request started; 0 when it was queued, or refused (a URL that is
+ * not http or https, or a full worker with noQueue set): a refused request
+ * stays the host's and is not destroyed. */
+int DHVAPI_CALL SubmitRequest(DhvLookupWorker* worker, DhvLookupRequest* request, int atFront,
+                              int noQueue);
+/* Deletes the queued requests; running ones finish and are deleted by their
+ * threads without being posted. */
+void DHVAPI_CALL CancelAllRequests(DhvLookupWorker* worker);
+/* 1 when nothing is queued and no request runs, else 0. */
+int DHVAPI_CALL IsWorkerIdle(const DhvLookupWorker* worker);
+/* Completes a request the post callback handed over, then deletes it. */
+void DHVAPI_CALL CompleteRequest(DhvLookupWorker* worker, DhvLookupRequest* request);
+/* The body as a malloc'ed text (empty when there is none); NULL only when
+ * memory runs out. */
+char* DHVAPI_CALL GetResponseText(const DhvLookupRequest* request);
 
 #ifdef __cplusplus
 }

@@ -78,13 +78,13 @@ struct VolumeRecord {
 
 /// What a folder scan left on a volume: the folder it was made from
 /// (field::kScanFolder) and the three values that tell whether the folder has
-/// changed since (field::kScanStamp, kScanFlags, kScanValue3).
+/// changed since (field::kScanStamp, kScanFlags, kScanProfile).
 struct VolumeScanState {
   uint32_t record_id = 0;
   std::string folder;  ///< empty for a volume not made by a scan
   std::optional<uint32_t> stamp;
   std::optional<uint32_t> flags;
-  std::optional<uint32_t> value3;
+  std::optional<uint32_t> profile;  ///< the scan profile (ScanProfile)
   bool operator==(const VolumeScanState&) const = default;
 
   /// The state as the volume's properties hold it.
@@ -99,7 +99,7 @@ struct VolumeScanState {
     state.folder = volume.properties.Text(field::kScanFolder);
     state.stamp = number(field::kScanStamp);
     state.flags = number(field::kScanFlags);
-    state.value3 = number(field::kScanValue3);
+    state.profile = number(field::kScanProfile);
     return state;
   }
 };

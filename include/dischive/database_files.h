@@ -1,6 +1,6 @@
-// The catalogue database as a file: the default database, the sample database
-// shipped with the program, and the built-in contents of the user-editable
-// value lists that a database holds until the user changes them.
+// The catalogue database as a file: the default database and the sample
+// database shipped with the program. The built-in user lists are in
+// user_lists.h, beside the catalogue that offers them.
 #pragma once
 
 #include <filesystem>
@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "dischive/settings.h"
+#include "dischive/user_lists.h"
 
 namespace dischive {
 
@@ -57,16 +58,5 @@ bool IsSampleDatabase(const std::filesystem::path& path,
                       const std::vector<std::filesystem::path>& folders);
 /// The same with the program's folder and the process-wide settings.
 bool IsSampleDatabase(const std::filesystem::path& path);
-
-/// Keys of the built-in user lists: the ten lists of kUserListKeys and "user_spars".
-std::vector<std::string> DefaultUserListKeys();
-/// The built-in entries of a user list, in order; empty for an unknown key.
-std::vector<std::string> DefaultUserListEntries(std::string_view key);
-/// The built-in text of a user list: the entries joined with "\n" (no
-/// newline after the last); empty for an unknown key.
-std::string DefaultUserList(std::string_view key);
-/// Splits a user list text at "\n" into its non-empty entries (a "\r" before
-/// the "\n" is dropped as well).
-std::vector<std::string> SplitUserList(std::string_view text);
 
 }  // namespace dischive

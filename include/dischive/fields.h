@@ -95,10 +95,13 @@ inline constexpr FieldId kSpars = 0xE9CF9E64;
 // Rating time of the album rating (seconds since 1970), sent with a rating notice.
 inline constexpr FieldId kRatingTime = 0xC2E5EE24;
 // Folder scan state of a volume (index 0): the folder's scan stamp, the scan
-// flags the folder was scanned with, and the third scan value.
+// flags the folder was scanned with, and the scan profile (the scanner's
+// version and a hash of its extension list and settings section).
 inline constexpr FieldId kScanStamp = 0x5C4A57A3;
 inline constexpr FieldId kScanFlags = 0x5C4AF1A9;
-inline constexpr FieldId kScanValue3 = 0x5C4A0703;
+inline constexpr FieldId kScanProfile = 0x5C4A0703;
+/// The scan profile's first name, from when its meaning was not known.
+inline constexpr FieldId kScanValue3 = kScanProfile;
 // Music files of a track: its path and size in bytes (text, as sizes may exceed 31 bits).
 inline constexpr FieldId kFilePath = 0x0F11E9A7;
 inline constexpr FieldId kFileSize = 0x0F11E512;

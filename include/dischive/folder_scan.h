@@ -12,7 +12,7 @@
 //    any added or removed file, changes the stamp.
 //  - the scan flags (field::kScanFlags) the folder was scanned with; only the
 //    low 28 bits (kScanFlagsCompareMask) are compared.
-//  - the scan profile (field::kScanValue3), the third value: the scanner's
+//  - the scan profile (field::kScanProfile), the third value: the scanner's
 //    format version in the top byte and a 24-bit hash of the media extension
 //    list and the per-folder settings section below it, so that a newer scanner
 //    or a different extension list rescans everything once.
@@ -37,6 +37,7 @@
 #include <vector>
 
 #include "dischive/catalog.h"
+#include "dischive/library.h"
 #include "dischive/result.h"
 #include "dischive/settings.h"
 #include "dischive/tags.h"
@@ -49,62 +50,6 @@ class RemovableVolumeFinder;
 namespace detail {
 class FolderScanSteps;
 }
-
-// Scan flags ---------------------------------------------------------------
-
-namespace scan_flags {
-inline constexpr uint32_t kUnderscoreToBlank = 0x04;  ///< "_" becomes a blank in names
-inline constexpr uint32_t kTitleFromFileName = 0x08;  ///< untitled tracks take the file name
-/// Never skip a folder because its existing record is unchanged.
-inline constexpr uint32_t kNeverSkipUnchanged = 0x80000000;
-/// Replace mode of a forced scan: the scanned album replaces the stored one.
-inline constexpr uint32_t kReplaceMode = 0x40000000;
-/// The default of the application setting the flags were first kept in.
-inline constexpr uint32_t kDefault = 153;
-}  // namespace scan_flags
-
-/// The bits of the flags compared when deciding whether a folder is unchanged.
-inline constexpr uint32_t kScanFlagsCompareMask = 0x0FFFFFFF;
-
-/// The flags of the options page's nine check boxes (box 7 and 8 are inverted:
-/// their bits are set when the box is not ticked). Bits outside the nine are
-/// taken from `other_bits`.
-uint32_t ScanFlagsFromCheckBoxes(const bool (&boxes)[9], uint32_t other_bits = 0);
-/// The ticks of the nine check boxes for a flags word.
-void CheckBoxesFromScanFlags(uint32_t flags, bool (&boxes)[9]);
-
-// Library configuration (database properties "medialib") --------------------
-
-/// One folder of the library: "medialib" "f%d" and the number "l%d" beside it.
-struct LibraryFolder {
-  std::string path;
-  int32_t number = 0;
-  bool operator==(const LibraryFolder&) const = default;
-};
-
-/// The library folders, up to the first empty "f%d".
-std::vector<LibraryFolder> LoadLibraryFolders(CatalogEngine& catalog);
-/// Writes every folder back under "f%d"/"l%d" and removes the entries that
-/// followed the old list's end.
-HResult SaveLibraryFolders(CatalogEngine& catalog, const std::vector<LibraryFolder>& folders);
-
-/// The scan flags ("medialib"/"flags"). When absent, the value is taken once
-/// from the application setting "Settings"/"FileScanOpts_1" (default 153),
-/// that setting is deleted and the value is stored in the database.
-uint32_t LoadScanFlags(CatalogEngine& catalog, SettingsStore& settings);
-HResult SaveScanFlags(CatalogEngine& catalog, uint32_t flags);
-/// The selected default character set ("medialib"/"def_charset"), 0 when unset.
-int32_t LoadDefaultCharset(CatalogEngine& catalog);
-HResult SaveDefaultCharset(CatalogEngine& catalog, int32_t charset);
-
-/// The default of "Settings"/"MediaFileExtensions".
-inline constexpr std::string_view kDefaultMediaExtensions =
-    "mp3;wma;wav;ogg;m4a;shn;flac;ape;aac;mp4;m4p";
-/// Splits an extension list at every white-space or punctuation character,
-/// dropping empty pieces.
-std::vector<std::string> SplitExtensionList(std::string_view text);
-/// The media extensions configured in "Settings"/"MediaFileExtensions".
-std::vector<std::string> MediaFileExtensions(const SettingsStore& settings);
 
 // Scan log -------------------------------------------------------------------
 
@@ -277,7 +222,7 @@ class FolderScanner {
   std::unique_ptr<platform::RemovableVolumeFinder> volumes_;
 };
 
-/// The third scan value for a set of options (see above).
+/// The scan profile of a set of options (see above).
 uint32_t ScanProfile(const FolderScanOptions& options);
 
 /// The folder and its subfolders, in name order, parents before children;

@@ -30,6 +30,9 @@ struct InternetSettings {
   bool use_proxy = false;     ///< "use_http_proxy", default 0
   std::string proxy_address;  ///< host, plus ":port" unless the port is 80
   std::string agent;          ///< "DiscHive %d.%d"
+  /// "request_deadline" in seconds, default 120: the longest a whole request
+  /// may take, however steadily its data arrives.
+  std::chrono::milliseconds request_deadline{120000};
 };
 
 /// Reads the settings as the transport uses them.
@@ -79,9 +82,9 @@ struct HttpRequest {
   // Limits.
   std::chrono::milliseconds connect_timeout{60000};
   std::chrono::milliseconds receive_timeout{30000};  ///< longest time without data
-  /// The whole exchange, connecting included; 0: no limit beyond the two above.
-  /// Passing it ends the request with 12002, as a time-out does.
-  std::chrono::milliseconds deadline{0};
+  /// Longest time for the whole exchange, connecting included (0: none); a
+  /// server that trickles data never trips the receive time-out, this ends it.
+  std::chrono::milliseconds deadline{120000};
   size_t max_body = size_t{64} << 20;  ///< a longer body ends the request
   HttpProgress progress;               ///< optional; called as the body arrives
 
@@ -92,7 +95,7 @@ struct HttpRequest {
   uint32_t status_code = 0;
 };
 
-/// Copies agent, access type and proxy from the settings into a request.
+/// Copies agent, access type, proxy and deadline from the settings into a request.
 void ApplyInternetSettings(const InternetSettings& settings, HttpRequest& request);
 
 /// A connection kept between requests to the same server. The first request

@@ -312,8 +312,16 @@ void Configure(CURL* curl, const HttpSession::Impl& session, const HttpRequest& 
   curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, kReceiveBufferSize);
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS,
                    static_cast<long>(request.connect_timeout.count()));
+  // The overall deadline, and libcurl's own low-speed limit (whole seconds) as
+  // a backstop to the finer receive time-out of OnProgress.
   if (request.deadline.count() > 0) {
     curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(request.deadline.count()));
+  }
+  const auto idle_seconds =
+      std::chrono::ceil<std::chrono::seconds>(request.receive_timeout).count();
+  if (idle_seconds > 0) {
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, static_cast<long>(idle_seconds + 1));
   }
   const auto largest = static_cast<size_t>(std::numeric_limits<curl_off_t>::max());
   curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE,

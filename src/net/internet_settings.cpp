@@ -1,4 +1,5 @@
 // Connection settings of the transport (group "internet2") and the agent.
+#include <algorithm>
 #include <string>
 
 #include "dischive/http.h"
@@ -8,11 +9,19 @@ namespace dischive {
 namespace {
 constexpr std::string_view kGroup = "internet2";
 constexpr int32_t kPlainHttpPort = 80;
+constexpr int32_t kDefaultDeadlineSeconds = 120;
+constexpr int32_t kLongestDeadlineSeconds = 24 * 3600;
 }  // namespace
 
 InternetSettings LoadInternetSettings(const SettingsStore& settings) {
   InternetSettings out;
   out.agent = AgentText();
+  // A zero, negative or unreadable deadline would mean "wait for ever": keep
+  // the default then, and cap the value at a day.
+  int32_t deadline = settings.GetInt(kGroup, "request_deadline", kDefaultDeadlineSeconds);
+  if (deadline <= 0) deadline = kDefaultDeadlineSeconds;
+  deadline = std::min(deadline, kLongestDeadlineSeconds);
+  out.request_deadline = std::chrono::seconds(deadline);
   out.preconfigured = settings.GetInt(kGroup, "preconfig_http_proxy", 1) != 0;
   out.use_proxy = false;
   if (out.preconfigured) return out;
@@ -35,6 +44,7 @@ InternetSettings LoadInternetSettings(const SettingsStore& settings) {
 
 void ApplyInternetSettings(const InternetSettings& settings, HttpRequest& request) {
   request.agent = settings.agent;
+  request.deadline = settings.request_deadline;
   if (settings.preconfigured) {
     request.access_type = AccessType::kPreconfigured;
     request.proxy.clear();

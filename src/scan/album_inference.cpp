@@ -4,6 +4,7 @@
 #include "dischive/folder_scan.h"
 #include "dischive/text.h"
 #include "scan/folder_scan_internal.h"
+#include "util/parse.h"
 
 namespace dischive {
 namespace {
@@ -70,13 +71,10 @@ std::optional<int32_t> TrackNumberFromTitle(std::string_view title) {
   if (!StartsWithIgnoreCase(title, "track")) return std::nullopt;
   std::string_view rest = title.substr(5);
   if (!rest.empty() && rest.front() == ' ') rest.remove_prefix(1);
-  if (rest.empty() || rest.size() > 6) return std::nullopt;
-  int32_t number = 0;
-  for (char c : rest) {
-    if (c < '0' || c > '9') return std::nullopt;
-    number = number * 10 + (c - '0');
-  }
-  return number;
+  if (rest.size() > 6) return std::nullopt;
+  const std::optional<uint32_t> number = ParseDecimal32(rest);
+  if (!number) return std::nullopt;
+  return static_cast<int32_t>(*number);
 }
 
 std::string detail::RemovableMediaLocation(const fs::path& path,
@@ -100,3 +98,32 @@ std::string RemovableMediaLocation(const fs::path& path) {
 }
 
 }  // namespace dischive
+
+namespace dischive::detail {
+
+AlbumArtist InferAlbumArtist(const std::vector<std::string>& track_artists,
+                             std::string_view path_artist) {
+  AlbumArtist result;
+  if (EqualsIgnoreCase(path_artist, "Various Artists") ||
+      EqualsIgnoreCase(path_artist, "Various")) {
+    result.compilation = true;
+    return result;
+  }
+  const bool any_track_artist = std::any_of(track_artists.begin(), track_artists.end(),
+                                            [](const std::string& a) { return !a.empty(); });
+  if (!any_track_artist) {
+    result.artist = std::string(path_artist);
+    return result;
+  }
+  for (const std::string& artist : track_artists) {
+    if (artist.empty()) continue;
+    if (result.artist.empty()) {
+      result.artist = artist;
+    } else if (artist != result.artist) {
+      result.compilation = true;
+    }
+  }
+  return result;
+}
+
+}  // namespace dischive::detail

@@ -11,8 +11,8 @@
 //     value type, value length, value)
 #include <cstring>
 
-#include "dischive/tag_readers.h"
 #include "dischive/text.h"
+#include "scan/tag_readers.h"
 #include "scan/tag_util.h"
 
 namespace dischive {

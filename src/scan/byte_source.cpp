@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "dischive/errors.h"
-#include "dischive/tag_readers.h"
 #include "platform/file.h"
+#include "scan/tag_readers.h"
 
 namespace dischive {
 namespace {

@@ -7,7 +7,7 @@
 // An ID3v2 tag written in front of the stream by some taggers is skipped.
 #include <cstring>
 
-#include "dischive/tag_readers.h"
+#include "scan/tag_readers.h"
 #include "scan/tag_util.h"
 
 namespace dischive {

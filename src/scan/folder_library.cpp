@@ -2,9 +2,10 @@
 // media extension list.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cctype>
 
-#include "dischive/folder_scan.h"
+#include "dischive/library.h"
 #include "dischive/text.h"
 
 namespace dischive {
@@ -71,6 +72,40 @@ HResult SaveLibraryFolders(CatalogEngine& catalog, const std::vector<LibraryFold
     if (HResult hr = catalog.RemoveDatabaseProperty(kGroup, fmt::format("l{}", i))) return hr;
   }
   return kOk;
+}
+
+std::string FolderKey(const std::filesystem::path& folder) {
+  std::error_code ec;
+  std::filesystem::path absolute = std::filesystem::absolute(folder, ec);
+  if (ec) absolute = folder;
+  std::string key = absolute.lexically_normal().string();
+  while (key.size() > 1 && key.back() == '/')
+    key.pop_back();
+  return key;
+}
+
+HResult AddLibraryFolder(CatalogEngine& catalog, const std::filesystem::path& folder, bool* added) {
+  std::vector<LibraryFolder> folders = LoadLibraryFolders(catalog);
+  const std::string key = FolderKey(folder);
+  const bool known = std::any_of(folders.begin(), folders.end(),
+                                 [&](const LibraryFolder& f) { return f.path == key; });
+  if (added != nullptr) *added = !known;
+  if (known) return kOk;
+  folders.push_back(LibraryFolder{key, 0});
+  return SaveLibraryFolders(catalog, folders);
+}
+
+HResult RemoveLibraryFolder(CatalogEngine& catalog, const std::filesystem::path& folder,
+                            bool* removed) {
+  std::vector<LibraryFolder> folders = LoadLibraryFolders(catalog);
+  const std::string key = FolderKey(folder);
+  const auto it = std::find_if(folders.begin(), folders.end(), [&](const LibraryFolder& f) {
+    return f.path == key || f.path == folder.string();
+  });
+  if (removed != nullptr) *removed = it != folders.end();
+  if (it == folders.end()) return kOk;
+  folders.erase(it);
+  return SaveLibraryFolders(catalog, folders);
 }
 
 uint32_t LoadScanFlags(CatalogEngine& catalog, SettingsStore& settings) {

@@ -1,7 +1,7 @@
 // The ID3v1 genre list with the Winamp extensions, names kept as the scanner
 // has always shown them (including its spellings "Psychadelic", "A capella"
 // and "Negerunk").
-#include "dischive/tag_readers.h"
+#include "scan/tag_readers.h"
 
 namespace dischive {
 namespace {

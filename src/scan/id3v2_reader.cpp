@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "dischive/tag_readers.h"
 #include "dischive/text.h"
+#include "scan/tag_readers.h"
 #include "scan/tag_util.h"
 
 namespace dischive {

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <type_traits>
 
-#include "dischive/tag_readers.h"
 #include "dischive/text.h"
+#include "scan/tag_readers.h"
 
 namespace dischive {
 namespace {

@@ -6,7 +6,7 @@
 // or a VBRI header (32 bytes behind the frame header) with the frame count.
 #include <cstring>
 
-#include "dischive/tag_readers.h"
+#include "scan/tag_readers.h"
 #include "scan/tag_util.h"
 
 namespace dischive {

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "dischive/tag_readers.h"
+#include "scan/tag_readers.h"
 #include "scan/tag_util.h"
 
 namespace dischive {

@@ -6,7 +6,7 @@
 //   "LIST" of type "INFO": text chunks (INAM title, IART artist, ...)
 #include <cstring>
 
-#include "dischive/tag_readers.h"
+#include "scan/tag_readers.h"
 #include "scan/tag_util.h"
 
 namespace dischive {

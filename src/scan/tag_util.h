@@ -7,8 +7,8 @@
 #include <string>
 #include <string_view>
 
-#include "dischive/tag_readers.h"
 #include "dischive/text.h"
+#include "scan/tag_readers.h"
 
 namespace dischive::detail {
 

@@ -2,8 +2,8 @@
 // (comment header). Layout (all lengths 32-bit little-endian):
 //   vendor length, vendor string, comment count,
 //   count × (comment length, "NAME=value" in UTF-8)
-#include "dischive/tag_readers.h"
 #include "dischive/text.h"
+#include "scan/tag_readers.h"
 #include "scan/tag_util.h"
 
 namespace dischive {

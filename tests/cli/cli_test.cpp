@@ -86,6 +86,23 @@ TEST_F(CliTest, HttpGetPrintsStatusBodyOrTranscript) {
   EXPECT_EQ(r.exit_code, 0) << r.err;
   EXPECT_EQ(ReadFile(home / "body.txt"), "hi ");
 
+  // Several URLs go through the worker; each body lands in the folder under
+  // its last path segment, a repeated name gets its position in front.
+  r = run({"http", "get", "--jobs", "2", base + "/hello", base + "/missing", base + "/hello?x",
+           "http://127.0.0.1:1/gone", "-o", (home / "out").string()});
+  EXPECT_EQ(r.exit_code, 4) << r.err;
+  EXPECT_EQ(ReadFile(home / "out" / "hello"), "hi ");
+  EXPECT_EQ(ReadFile(home / "out" / "3-hello"), "hi ");
+  EXPECT_EQ(ReadFile(home / "out" / "missing"), "no such page");
+  EXPECT_NE(r.out.find(base + "/missing: HTTP/1.1 404 Not Found, 12 bytes"), std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("http://127.0.0.1:1/gone: The attempt to connect"), std::string::npos)
+      << r.out;
+  r = run({"--json", "http", "get", "--interval", "10", base + "/hello", base + "/hello"});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(json::parse(r.out)["downloads"][1]["length"], 3);
+  EXPECT_EQ(run({"http", "get", base + "/hello", "ftp://host/"}).exit_code, 2);
+
   const std::pair<std::string, int> bad[] = {{"ftp://host/", 2},
                                              {"http://user@host/", 2},
                                              {"http://host:99999/", 2},

@@ -78,6 +78,15 @@ class HttpSessionTest : public ::testing::Test {
                                  return sink.write(std::string(64 << 10, 't').data(), 64 << 10);
                                });
     });
+    s.Get("/drip", [](const httplib::Request&, httplib::Response& res) {
+      // One byte every 50 ms for 10 s: never idle long enough for a receive
+      // time-out, so only the overall deadline can end it early.
+      res.set_chunked_content_provider("text/plain", [](size_t offset, httplib::DataSink& sink) {
+        if (offset >= 200) return sink.done(), true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        return sink.write("d", 1);
+      });
+    });
     s.Get("/stall", [](const httplib::Request&, httplib::Response& res) {
       res.set_content_provider(100000, "application/octet-stream",
                                [](size_t offset, size_t, httplib::DataSink& sink) {
@@ -264,6 +273,18 @@ TEST_F(HttpSessionTest, BrokenResponsesKeepWhatArrived) {
   const HttpRequest stall = Fetch(
       "/stall", 12002u, [](HttpRequest& r) { r.receive_timeout = std::chrono::milliseconds(300); });
   EXPECT_EQ(stall.response_body, "abcd");
+
+  const auto start = std::chrono::steady_clock::now();
+  const HttpRequest drip = Fetch("/drip", 12002u, [](HttpRequest& r) {
+    r.receive_timeout = std::chrono::milliseconds(2000);
+    r.deadline = std::chrono::milliseconds(700);
+  });
+  const auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(took, std::chrono::milliseconds(650));
+  EXPECT_LT(took, std::chrono::milliseconds(2500));
+  EXPECT_EQ(drip.status_code, 200u);
+  EXPECT_FALSE(drip.response_body.empty());
+  EXPECT_LT(drip.response_body.size(), 100u);
 
   // Announced beyond the limit, and grown beyond it.
   const HttpRequest limited =

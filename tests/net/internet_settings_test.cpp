@@ -51,5 +51,18 @@ TEST(InternetSettingsTest, KeysMapToAccessTypeAndProxy) {
   }
 }
 
+TEST(InternetSettingsTest, RequestDeadlineIsBoundedSeconds) {
+  const std::pair<const char*, int64_t> cases[] = {
+      {nullptr, 120}, {"15", 15}, {"0", 120}, {"-5", 120}, {"junk", 120}, {"999999", 86400},
+  };
+  for (const auto& [value, seconds] : cases) {
+    MemorySettingsStore store;
+    if (value != nullptr) store.Write("internet2", "request_deadline", value);
+    HttpRequest request;
+    ApplyInternetSettings(LoadInternetSettings(store), request);
+    EXPECT_EQ(request.deadline, std::chrono::seconds(seconds)) << (value ? value : "-");
+  }
+}
+
 }  // namespace
 }  // namespace dischive

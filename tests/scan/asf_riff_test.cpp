@@ -3,9 +3,9 @@
 
 #include <string>
 
-#include "dischive/tag_readers.h"
 #include "dischive/text.h"
 #include "scan/bytes.h"
+#include "scan/tag_readers.h"
 
 namespace dischive {
 namespace {

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "dischive/tag_readers.h"
 #include "scan/bytes.h"
+#include "scan/tag_readers.h"
 
 namespace dischive {
 namespace {

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <random>
 
-#include "dischive/tag_readers.h"
+#include "scan/tag_readers.h"
 #include "support/temp_dir.h"
 
 namespace dischive {

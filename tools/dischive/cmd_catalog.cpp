@@ -7,6 +7,7 @@
 #include "cli.h"
 #include "dischive/database_files.h"
 #include "dischive/date.h"
+#include "dischive/field_names.h"
 #include "dischive/sqlite_catalog.h"
 #include "util/frame_time.h"
 #include "util/parse.h"
@@ -14,134 +15,18 @@
 namespace dischive::cli {
 namespace {
 
-enum class Kind { kText, kNumber, kDate, kMoney, kHex };
-
-struct FieldName {
-  field::FieldId id;
-  const char* name;
-  Kind kind;
-};
-
-// Names under which the catalogue's fields are shown, as the collection
-// document names them.
-constexpr FieldName kFieldNames[] = {
-    {field::kArtist, "Artist", Kind::kText},
-    {field::kTitle, "Title", Kind::kText},
-    {field::kTrackTitle, "TrackTitle", Kind::kText},
-    {field::kVariousArtists, "VariousArtists", Kind::kNumber},
-    {field::kFreedbComment, "FreeDBComment", Kind::kText},
-    {field::kRevision, "Revision", Kind::kNumber},
-    {field::kReleaseDate, "ReleaseDate", Kind::kDate},
-    {field::kGenre, "Genre", Kind::kText},
-    {field::kGenre2, "Genre2", Kind::kText},
-    {field::kCategory, "Category", Kind::kText},
-    {field::kIsClassical, "IsClassical", Kind::kNumber},
-    {field::kIsSingle, "IsSingle", Kind::kNumber},
-    {field::kIsCompilation, "IsCompilation", Kind::kNumber},
-    {field::kIsSoundtrack, "IsSoundtrack", Kind::kNumber},
-    {field::kIsBootleg, "IsBootleg", Kind::kNumber},
-    {field::kIsPromo, "IsPromo", Kind::kNumber},
-    {field::kIsPrivate, "IsPrivate", Kind::kNumber},
-    {field::kIsRare, "IsRare", Kind::kNumber},
-    {field::kInCollection, "InCollection", Kind::kNumber},
-    {field::kMciId, "MCIID", Kind::kHex},
-    {field::kIcon, "Icon", Kind::kNumber},
-    {field::kYear, "Year", Kind::kText},
-    {field::kComment, "Comment", Kind::kText},
-    {field::kRefNo, "RefNo", Kind::kText},
-    {field::kUpc, "UPC", Kind::kText},
-    {field::kAsin, "ASIN", Kind::kText},
-    {field::kLabel, "Label", Kind::kText},
-    {field::kCatalogNo, "CatalogNo", Kind::kText},
-    {field::kCountry, "Country", Kind::kText},
-    {field::kCompany, "Company", Kind::kText},
-    {field::kReissueLabel, "ReissueLabel", Kind::kText},
-    {field::kReissueDate, "ReissueDate", Kind::kDate},
-    {field::kDistributor, "Distributor", Kind::kText},
-    {field::kPrice, "Price", Kind::kMoney},
-    {field::kOriginalPrice, "OriginalPrice", Kind::kMoney},
-    {field::kStore, "Store", Kind::kText},
-    {field::kLocation, "Location", Kind::kText},
-    {field::kStatus, "Status", Kind::kText},
-    {field::kBorrower, "Borrower", Kind::kText},
-    {field::kCheckinDate, "CheckinDate", Kind::kDate},
-    {field::kCheckoutDate, "CheckoutDate", Kind::kDate},
-    {field::kPackaging, "Packaging", Kind::kText},
-    {field::kCondition, "Condition", Kind::kText},
-    {field::kServiceId, "ServiceID", Kind::kText},
-    {field::kRating, "Rating", Kind::kNumber},
-    {field::kLastPlayed, "LastPlayed", Kind::kHex},
-    {field::kMono, "Mono", Kind::kNumber},
-    {field::kLive, "Live", Kind::kNumber},
-    {field::kInstrumental, "Instrumental", Kind::kNumber},
-    {field::kInterview, "Interview", Kind::kNumber},
-    {field::kMultichannel, "Multichannel", Kind::kNumber},
-    {field::kStereoMultichannelHybrid, "StereoMultichannelHybrid", Kind::kNumber},
-    {field::kHighResolution, "HighResolution", Kind::kNumber},
-    {field::kHighNormalResolutionHybrid, "HighNormalResolutionHybrid", Kind::kNumber},
-    {field::kRemastered, "Remastered", Kind::kNumber},
-    {field::kBitrate, "Bitrate", Kind::kNumber},
-    {field::kKeywords, "Keywords", Kind::kText},
-    {field::kReviewCredit, "ReviewCredit", Kind::kText},
-    {field::kLyrics, "Lyrics", Kind::kText},
-    {field::kRecDate, "RecDate", Kind::kDate},
-    {field::kRecSource, "RecSource", Kind::kText},
-    {field::kRecGeneration, "RecGeneration", Kind::kText},
-    {field::kRecQuality, "RecQuality", Kind::kText},
-    {field::kRecTour, "RecTour", Kind::kText},
-    {field::kRecCity, "RecCity", Kind::kText},
-    {field::kRecCountry, "RecCountry", Kind::kText},
-    {field::kRecVenue, "RecVenue", Kind::kText},
-    {field::kRecStudio, "RecStudio", Kind::kText},
-    {field::kSpars, "SPARS", Kind::kText},
-    {field::kRatingTime, "RatingTime", Kind::kHex},
-    {field::kScanStamp, "ScanStamp", Kind::kText},
-    {field::kScanFlags, "ScanFlags", Kind::kHex},
-    {field::kScanValue3, "ScanValue3", Kind::kText},
-    {field::kFilePath, "FilePath", Kind::kText},
-    {field::kFileSize, "FileSize", Kind::kText},
-    {field::kBpm, "BPM", Kind::kNumber},
-    {field::kComposer, "Composer", Kind::kText},
-    {field::kTrackRating, "TrackRating", Kind::kNumber},
-    {field::kFormat, "Format", Kind::kText},
-    {field::kBookletPages, "BookletPages", Kind::kNumber},
-    {field::kAmazonServer, "AmazonServer", Kind::kText},
-    {field::kAmazonClassical, "AmazonClassical", Kind::kNumber},
-};
-
-const FieldName* FindField(field::FieldId id) {
-  for (const FieldName& f : kFieldNames) {
-    if (f.id == id) return &f;
-  }
-  static const FieldName kBools[10] = {
-      {field::kBool[0], "Bool1", Kind::kNumber}, {field::kBool[1], "Bool2", Kind::kNumber},
-      {field::kBool[2], "Bool3", Kind::kNumber}, {field::kBool[3], "Bool4", Kind::kNumber},
-      {field::kBool[4], "Bool5", Kind::kNumber}, {field::kBool[5], "Bool6", Kind::kNumber},
-      {field::kBool[6], "Bool7", Kind::kNumber}, {field::kBool[7], "Bool8", Kind::kNumber},
-      {field::kBool[8], "Bool9", Kind::kNumber}, {field::kBool[9], "Bool10", Kind::kNumber}};
-  for (const FieldName& f : kBools) {
-    if (f.id == id) return &f;
-  }
-  return nullptr;
-}
-
-std::string FieldLabel(field::FieldId id) {
-  const FieldName* f = FindField(id);
-  return f != nullptr ? f->name : fmt::format("0x{:08X}", id);
-}
-
 // A value as a person reads it: dates as "YYYY-MM-DD", money with cents.
 std::string ShowValue(field::FieldId id, const PropertyValue& value) {
   if (const auto* text = std::get_if<std::string>(&value)) return *text;
   const int32_t number = std::get<int32_t>(value);
   const auto u = static_cast<uint32_t>(number);
-  const FieldName* f = FindField(id);
-  switch (f != nullptr ? f->kind : Kind::kNumber) {
-    case Kind::kDate:
+  const FieldName* f = FindFieldName(id);
+  switch (f != nullptr ? f->kind : FieldKind::kNumber) {
+    case FieldKind::kDate:
       return u == 0 ? std::string() : FormatDate(u);
-    case Kind::kMoney:
+    case FieldKind::kMoney:
       return fmt::format("{}.{:02}", u / 100, u % 100);
-    case Kind::kHex:
+    case FieldKind::kHex:
       return fmt::format("{:08X}", u);
     default:
       return std::to_string(number);

@@ -2,21 +2,27 @@
 // protocol. This program is the host: the lookup runs on a request thread of
 // its own and reports to a window (a MessageLoop) on the main thread, which
 // shows progress and asks the user to choose when several entries match.
+// With --batch, a list of discs goes through the background lookup worker
+// instead, several requests at a time, never asking.
 #include <fmt/format.h>
 
-#include <atomic>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <sstream>
-#include <thread>
 
 #include "catalog_cli.h"
 #include "cli.h"
 #include "dischive/cddb.h"
+#include "dischive/disc_lookup_driver.h"
 #include "dischive/host.h"
+#include "dischive/lookup_worker.h"
 #include "dischive/strings.h"
 #include "dischive/text.h"
 #include "drive_input.h"
+#include "interrupt.h"
 #include "progress.h"
 #include "util/frame_time.h"
 #include "util/parse.h"
@@ -38,6 +44,8 @@ struct Options {
   bool first = false;
   bool save = false;
   std::string db_path;
+  std::string batch_path;  // "-": standard input
+  int jobs = 2;
 };
 
 std::vector<uint32_t> ParseOffsets(const std::vector<std::string>& items) {
@@ -190,7 +198,10 @@ void PrintDiscText(const DiscRecord& disc, size_t index, size_t count, const std
   if (!album_id.empty()) std::cout << "Saved as album " << album_id << '\n';
 }
 
+int RunBatch(const Options& options, Context& context);
+
 int RunLookup(const Options& options, Context& context) {
+  if (!options.batch_path.empty()) return RunBatch(options, context);
   std::vector<DiscRecord> discs;
   DiscCdTexts cd_texts;
   for (const DiscToc& toc : CollectDiscs(options, context, cd_texts))
@@ -199,7 +210,8 @@ int RunLookup(const Options& options, Context& context) {
       !options.protocol.empty()
           ? options.protocol
           : context.settings->GetString(kFreedbSettingsGroup, "lookup_protocol", "http");
-  if (protocol != "http" && protocol != "cddbp") {
+  const std::optional<LookupProtocol> parsed_protocol = ParseLookupProtocol(protocol);
+  if (!parsed_protocol) {
     throw CommandError(kExitUsage, "unknown protocol \"" + protocol + "\" (http or cddbp)");
   }
   // Open the catalogue first, so that a locked or broken one fails before the lookup.
@@ -252,20 +264,7 @@ int RunLookup(const Options& options, Context& context) {
   request.choice_message = kChoiceMessage;
   std::string transcript;
   std::string* transcript_out = context.verbosity >= 2 ? &transcript : nullptr;
-  std::atomic<bool> done{false};
-  window.pump();  // the main thread owns the window
-  std::thread worker([&] {
-    if (protocol == "cddbp") {
-      LookupDiscsCddbp(request, *context.settings, transcript_out);
-    } else {
-      LookupDiscsFreedb(request, *context.settings, transcript_out);
-    }
-    done = true;
-  });
-  while (!done)
-    window.pump(std::chrono::milliseconds(20));
-  worker.join();
-  window.pump();
+  RunDiscLookup(request, window, *context.settings, *parsed_protocol, transcript_out);
   bar.Finish();
   if (!transcript.empty()) std::cerr << transcript;
 
@@ -307,6 +306,205 @@ int RunLookup(const Options& options, Context& context) {
   return choice_missing ? static_cast<int>(kExitUsage) : ExitCodeFor(first_failure);
 }
 
+// --batch ----------------------------------------------------------------------
+
+constexpr size_t kMaxBatchDiscs = 100000;
+constexpr size_t kMaxBatchLine = 64 * 1024;
+
+// One line of a batch file and the disc it names (or why it names none).
+struct BatchLine {
+  size_t number = 0;
+  std::string text;
+  std::string error;  // empty: the line gave a disc
+};
+
+bool IsHexWord(std::string_view word) {
+  return word.size() == 8 && word.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+}
+
+// A line as cd-discid prints it, or a cue sheet path followed by the disc
+// length in seconds.
+std::optional<DiscToc> ParseBatchLine(std::string_view line, std::string& error) {
+  if (IsHexWord(line.substr(0, line.find(' '))) ||
+      line.find_first_not_of("0123456789 ") == std::string_view::npos) {
+    return ParseDiscIdLine(line, &error);
+  }
+  const size_t blank = line.find_last_of(" \t");
+  const std::optional<uint32_t> seconds = blank == std::string_view::npos
+                                              ? std::nullopt
+                                              : ParseDecimal32(line.substr(blank + 1), 0xFFFFFF);
+  if (!seconds) {
+    error = "expected \"discid n off1 ... offN seconds\" or \"CUE-FILE SECONDS\"";
+    return std::nullopt;
+  }
+  const std::string path(TrimBlanks(line.substr(0, blank)));
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    error = "cannot read " + path + ": " + std::strerror(errno);
+    return std::nullopt;
+  }
+  std::stringstream text;
+  text << in.rdbuf();
+  auto toc = ParseCueSheet(text.str(), *seconds, &error);
+  if (!toc) error = path + ": " + error;
+  return toc;
+}
+
+// Reads the batch: every non-empty line that is not a '#' comment.
+std::vector<BatchLine> ReadBatch(const std::string& path, std::vector<BatchDisc>& discs,
+                                 std::vector<size_t>& disc_of_line) {
+  std::ifstream file;
+  if (path != "-") {
+    file.open(path, std::ios::binary);
+    if (!file)
+      throw CommandError(kExitFailure, "cannot read " + path + ": " + std::strerror(errno));
+  }
+  std::istream& in = path == "-" ? std::cin : file;
+  std::vector<BatchLine> lines;
+  std::string text;
+  for (size_t number = 1; std::getline(in, text); ++number) {
+    if (text.size() > kMaxBatchLine) {
+      throw CommandError(kExitUsage, fmt::format("{}:{}: line too long", path, number));
+    }
+    const std::string_view trimmed = TrimBlanks(text);
+    if (trimmed.empty() || trimmed.front() == '#') continue;
+    if (lines.size() == kMaxBatchDiscs) {
+      throw CommandError(kExitUsage, fmt::format("{}: more than {} discs", path, kMaxBatchDiscs));
+    }
+    BatchLine line{number, std::string(trimmed), {}};
+    const std::optional<DiscToc> toc = ParseBatchLine(trimmed, line.error);
+    disc_of_line.push_back(toc ? discs.size() : SIZE_MAX);
+    if (toc) discs.push_back(BatchDisc{*toc, {}, kOk, {}});
+    lines.push_back(std::move(line));
+  }
+  if (in.bad())
+    throw CommandError(kExitFailure, "cannot read " + path + ": " + std::strerror(errno));
+  return lines;
+}
+
+Json MatchesJson(const std::vector<FreedbMatch>& matches) {
+  Json list = Json::array();
+  for (const FreedbMatch& m : matches) {
+    list.push_back({{"category", m.category},
+                    {"disc_id", fmt::format("{:08x}", m.disc_id)},
+                    {"artist", m.artist},
+                    {"title", m.title}});
+  }
+  return list;
+}
+
+void PrintBatchText(const BatchLine& line, const BatchDisc* disc, const std::string& note,
+                    const std::string& album_id) {
+  std::cout << fmt::format("{}: ", line.number);
+  if (disc == nullptr) {
+    std::cout << line.error << '\n';
+    return;
+  }
+  std::cout << fmt::format("{:08x} ", disc->toc.disc_id);
+  if (disc->result == kOk) {
+    const DiscMetadata& m = disc->metadata;
+    std::cout << fmt::format("{} / {} [{}]", m.Text(field::kArtist, 0).value_or(""),
+                             m.Text(field::kTitle, 0).value_or(""),
+                             m.Text(field::kCategory, 0).value_or(""));
+    if (!album_id.empty()) std::cout << ", saved as album " << album_id;
+  } else if (!disc->matches.empty()) {
+    std::cout << fmt::format("ambiguous: {} entries match", disc->matches.size());
+    for (size_t i = 0; i < disc->matches.size(); ++i) {
+      const FreedbMatch& m = disc->matches[i];
+      std::cout << fmt::format("\n    {}. {} / {} [{} {:08x}]", i + 1, m.artist, m.title,
+                               m.category, m.disc_id);
+    }
+  } else {
+    std::cout << fmt::format("{} (0x{:08X})", FormatErrorMessage(disc->result), disc->result);
+  }
+  if (!note.empty()) std::cout << " (" << note << ')';
+  std::cout << '\n';
+}
+
+int RunBatch(const Options& options, Context& context) {
+  if (!options.offsets.empty() || !options.cue_path.empty() || !options.disc_lines.empty()) {
+    throw CommandError(kExitUsage, "--batch takes its discs from the file only");
+  }
+  if (options.protocol == "cddbp") {
+    throw CommandError(kExitUsage, "--batch looks discs up over http only");
+  }
+  std::vector<BatchDisc> discs;
+  std::vector<size_t> disc_of_line;
+  const std::vector<BatchLine> lines = ReadBatch(options.batch_path, discs, disc_of_line);
+  std::unique_ptr<CatalogEngine> catalog;
+  if (options.save) catalog = OpenCliCatalog(context, options.db_path, true);
+  context.Note(fmt::format("{} disc(s) to look up, {} at a time", discs.size(), options.jobs));
+
+  BatchLookupOptions batch;
+  batch.jobs = options.jobs;
+  batch.min_interval = std::chrono::milliseconds(
+      std::max(0, context.settings->GetInt(kFreedbSettingsGroup, "min_interval_ms", 1000)));
+  ProgressBar bar("freedb", discs.size(), context.stderr_is_terminal && !context.json);
+  batch.progress = [&bar](size_t done, size_t) { bar.Update(done); };
+  InterruptGuard interrupt;
+  batch.cancelled = [] { return InterruptGuard::interrupted(); };
+  std::string transcript;
+  if (context.verbosity >= 2) batch.transcript = &transcript;
+  const HResult outcome = LookupDiscBatch(discs, *context.settings, batch);
+  bar.Finish();
+  if (!transcript.empty()) std::cerr << transcript;
+
+  std::vector<std::string> notes(discs.size()), album_ids(discs.size());
+  HResult first_failure = kOk;
+  bool bad_line = false;
+  for (size_t i = 0; i < discs.size(); ++i) {
+    if (discs[i].result == kOk && catalog) {
+      const HResult saved =
+          SaveDiscToCatalog(*catalog, discs[i].toc, discs[i].metadata, &album_ids[i]);
+      if (saved != kOk) {
+        notes[i] = fmt::format("not saved: {} (0x{:08X})", FormatErrorMessage(saved), saved);
+        if (first_failure == kOk) first_failure = saved;
+      }
+    }
+    if (discs[i].result != kOk && first_failure == kOk) first_failure = discs[i].result;
+  }
+  if (context.json) {
+    Json all = Json::array();
+    for (size_t n = 0; n < lines.size(); ++n) {
+      Json out{{"line", lines[n].number}, {"input", lines[n].text}};
+      const size_t i = disc_of_line[n];
+      if (i == SIZE_MAX) {
+        out["result"] = fmt::format("0x{:08X}", kInvalidArgument);
+        out["message"] = lines[n].error;
+      } else {
+        out.update(DiscJson(DiscRecord{discs[i].toc, discs[i].metadata, discs[i].result}, notes[i],
+                            album_ids[i]));
+        if (!discs[i].matches.empty()) {
+          out["message"] = fmt::format("ambiguous: {} entries match", discs[i].matches.size());
+          out["matches"] = MatchesJson(discs[i].matches);
+        }
+      }
+      all.push_back(std::move(out));
+    }
+    PrintJson(Json{{"cancelled", outcome == kAborted}, {"discs", std::move(all)}});
+  } else {
+    for (size_t n = 0; n < lines.size(); ++n) {
+      const size_t i = disc_of_line[n];
+      PrintBatchText(lines[n], i == SIZE_MAX ? nullptr : &discs[i],
+                     i == SIZE_MAX ? std::string() : notes[i],
+                     i == SIZE_MAX ? std::string() : album_ids[i]);
+    }
+  }
+  for (size_t n = 0; n < lines.size(); ++n)
+    bad_line |= disc_of_line[n] == SIZE_MAX;
+  if (outcome == kAborted) {
+    // Requests that were on the wire finish and are discarded; let them end
+    // before the program does.
+    LookupWorker::WaitForThreads(std::chrono::seconds(10));
+    const auto finished = std::count_if(discs.begin(), discs.end(),
+                                        [](const BatchDisc& d) { return d.result != kAborted; });
+    throw CommandError(kExitCancelled,
+                       fmt::format("cancelled after {} of {} discs", finished, discs.size()));
+  }
+  if (first_failure != kOk) return ExitCodeFor(first_failure);
+  return bad_line ? static_cast<int>(kExitUsage) : static_cast<int>(kExitOk);
+}
+
 void Setup(CLI::App& app, Context& context) {
   static Options options;
   CLI::App* cmd = app.add_subcommand(
@@ -337,6 +535,13 @@ void Setup(CLI::App& app, Context& context) {
       ->check(CLI::Range(1, 256));
   cmd->add_flag("--first", options.first, "When several entries match, take the first");
   cmd->add_flag("--save", options.save, "Store each disc found in the catalogue");
+  cmd->add_option("--batch", options.batch_path,
+                  "Look up every disc listed in FILE (- for standard input), one per line: "
+                  "a cd-discid line or \"CUE-FILE SECONDS\"; several matches never ask")
+      ->type_name("FILE");
+  cmd->add_option("--jobs", options.jobs, "With --batch: requests at a time")
+      ->check(CLI::Range(1, 16))
+      ->capture_default_str();
   AddDatabaseOption(cmd, options.db_path);
   cmd->callback(
       [&context] { context.action = [&context] { return RunLookup(options, context); }; });

@@ -27,16 +27,6 @@ struct ScanArgs {
   std::string section;
 };
 
-// An absolute path without "." and ".." parts or a trailing separator.
-std::string NormalFolder(const std::string& folder) {
-  std::error_code ec;
-  fs::path p = fs::absolute(folder, ec).lexically_normal();
-  std::string text = p.string();
-  while (text.size() > 1 && text.back() == '/')
-    text.pop_back();
-  return text;
-}
-
 void CheckFolder(const std::string& folder) {
   std::error_code ec;
   if (!fs::is_directory(folder, ec)) {
@@ -50,7 +40,7 @@ int RunScan(const Context& context, const ScanArgs& args) {
   std::vector<fs::path> roots;
   for (const std::string& folder : args.folders) {
     CheckFolder(folder);
-    roots.emplace_back(NormalFolder(folder));
+    roots.emplace_back(FolderKey(folder));
   }
   if (roots.empty()) {
     for (const LibraryFolder& folder : LoadLibraryFolders(*catalog))
@@ -180,16 +170,14 @@ void SetupLibrary(CLI::App& app, Context& context) {
     context.action = [&context] {
       CheckFolder(folder);
       auto catalog = OpenCliCatalog(context, db_path, true);
-      std::vector<LibraryFolder> folders = LoadLibraryFolders(*catalog);
-      const std::string path = NormalFolder(folder);
-      for (const LibraryFolder& f : folders) {
-        if (f.path == path) {
-          std::cerr << "dischive: " << path << " is already in the library\n";
-          return static_cast<int>(kExitOk);
-        }
+      const std::string path = FolderKey(folder);
+      bool added = false;
+      if (HResult hr = AddLibraryFolder(*catalog, path, &added))
+        Fail(hr, "cannot save the library");
+      if (!added) {
+        std::cerr << "dischive: " << path << " is already in the library\n";
+        return static_cast<int>(kExitOk);
       }
-      folders.push_back(LibraryFolder{path, 0});
-      if (HResult hr = SaveLibraryFolders(*catalog, folders)) Fail(hr, "cannot save the library");
       context.Note("added " + path);
       return static_cast<int>(kExitOk);
     };
@@ -201,16 +189,11 @@ void SetupLibrary(CLI::App& app, Context& context) {
   remove->callback([&context] {
     context.action = [&context] {
       auto catalog = OpenCliCatalog(context, db_path, true);
-      std::vector<LibraryFolder> folders = LoadLibraryFolders(*catalog);
-      const std::string path = NormalFolder(folder);
-      const auto it = std::find_if(folders.begin(), folders.end(), [&](const LibraryFolder& f) {
-        return f.path == path || f.path == folder;
-      });
-      if (it == folders.end()) {
-        throw CommandError(kExitFailure, path + " is not in the library");
-      }
-      folders.erase(it);
-      if (HResult hr = SaveLibraryFolders(*catalog, folders)) Fail(hr, "cannot save the library");
+      const std::string path = FolderKey(folder);
+      bool removed = false;
+      if (HResult hr = RemoveLibraryFolder(*catalog, folder, &removed))
+        Fail(hr, "cannot save the library");
+      if (!removed) throw CommandError(kExitFailure, path + " is not in the library");
       return static_cast<int>(kExitOk);
     };
   });

@@ -6,8 +6,8 @@
 #include <iostream>
 
 #include "cli.h"
-#include "dischive/tag_readers.h"
 #include "dischive/tags.h"
+#include "scan/tag_readers.h"
 #include "util/frame_time.h"
 
 namespace dischive::cli {
