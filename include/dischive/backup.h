@@ -105,7 +105,7 @@ HResult InspectBackup(const std::filesystem::path& path, BackupContents* content
                       std::string* message = nullptr);
 
 /// True for a cover name that can be restored: a bare file name without path
-/// separators, NUL bytes, "." or "..".
+/// separators, control characters (NUL included), "." or "..".
 bool IsBareFileName(std::string_view name);
 
 struct RestoreRequest {

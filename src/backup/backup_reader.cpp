@@ -74,8 +74,14 @@ bool HeaderMatches(const platform::File& file) {
 }  // namespace
 
 bool IsBareFileName(std::string_view name) {
+  // Control characters are refused too: a name with a line end or an escape
+  // sequence would garble listings and terminals that show it.
   return !name.empty() && name != "." && name != ".." &&
-         name.find_first_of(std::string_view("/\\\0", 3)) == std::string_view::npos;
+         name.find_first_of(std::string_view("/\\\0", 3)) == std::string_view::npos &&
+         std::none_of(name.begin(), name.end(), [](char c) {
+           const auto byte = static_cast<unsigned char>(c);
+           return byte < 0x20 || byte == 0x7F;
+         });
 }
 
 std::filesystem::path DefaultCoversFolder(const std::filesystem::path& database) {

@@ -4,6 +4,7 @@
 #include <fmt/printf.h>
 
 #include "cddb/disc_lookup.h"
+#include "cddb/submission_internal.h"
 #include "dischive/strings.h"
 #include "dischive/text.h"
 #include "dischive/version.h"
@@ -141,6 +142,7 @@ class CddbpSource : public FreedbSource {
         hello_(SplitHelloAddress(proto_ >= 6 ? FreedbEmailAddress(settings)
                                              : Utf8ToLatin1(FreedbEmailAddress(settings)))),
         timeout_seconds_(settings.GetInt(kFreedbSettingsGroup, "cddb_timeout", 30)),
+        request_deadline_(RequestDeadline(settings)),
         transcript_(transcript) {}
 
   ~CddbpSource() override { Flush(); }
@@ -176,6 +178,10 @@ class CddbpSource : public FreedbSource {
   }
 
   HResult PrepareDisc() override {
+    // Each disc's dialogue (connecting when needed, query and read) must end
+    // within the deadline: the idle time-out alone lets a server that trickles
+    // a byte now and then hold the lookup forever.
+    connection_.channel().SetDeadline(std::chrono::steady_clock::now() + request_deadline_);
     // A cut body or a failed receive leaves the rest of an answer in the way.
     if (connection_.channel().is_open() && !connection_.out_of_step()) return kOk;
     connection_.Close();
@@ -215,6 +221,7 @@ class CddbpSource : public FreedbSource {
   int proto_;
   FreedbHello hello_;
   int32_t timeout_seconds_;
+  std::chrono::milliseconds request_deadline_;
   std::string* transcript_;
   CddbpConnection connection_;
 };

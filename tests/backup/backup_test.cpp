@@ -341,6 +341,11 @@ TEST(BackupRestore, RefusesCorruptBackups) {
   }
   cases.emplace_back(Craft({{std::string("x\0.jpg", 6), "x"}}),
                      "cover name \"x\\x00.jpg\" is not a plain file name at offset 43");
+  // Control characters, which would garble anything that lists the names.
+  cases.emplace_back(Craft({{"x\n.jpg", "x"}}),
+                     "cover name \"x\\x0A.jpg\" is not a plain file name at offset 43");
+  cases.emplace_back(Craft({{"\x1b[2J.jpg", "x"}}),
+                     "cover name \"\\x1B[2J.jpg\" is not a plain file name at offset 45");
   for (const auto& [bytes, reason] : cases) {
     WriteFile(dir / "bad.dhb", bytes);
     std::string message;

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <nlohmann/json.hpp>
 
@@ -97,6 +98,29 @@ TEST_F(LookupCliTest, ProtocolsChoicesCueSheetSaveAndFailures) {
              {"--set", "internet2.cddb_port=1", "--set", "internet2.lookup_protocol=cddbp"});
   EXPECT_EQ(r.exit_code, 4);
   EXPECT_NE(r.out.find("(0x0000274D)"), std::string::npos) << r.out;
+}
+
+TEST_F(LookupCliTest, CueSheetsThatAreNotSmallRegularFilesAreRefused) {
+  // Devices and FIFOs are never read (a FIFO without a writer would block the
+  // open, /dev/zero never ends), nor anything beyond 1 MiB.
+  const auto fifo = home / "pipe.cue";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  WriteFile(home / "huge.cue", std::string((size_t{1} << 20) + 1, ' '));
+  const struct {
+    std::string path;
+    const char* message;
+  } cases[] = {
+      {"/dev/zero", "not a regular file"},
+      {fifo.string(), "not a regular file"},
+      {home.path().string(), "is a directory"},
+      {(home / "huge.cue").string(), "larger than 1048576 bytes"},
+      {(home / "missing.cue").string(), "cannot open: No such file or directory"},
+  };
+  for (const auto& c : cases) {
+    const ProcessResult r = Lookup({"--cue", c.path, "--length", "602"});
+    EXPECT_EQ(r.exit_code, 1) << c.path;
+    EXPECT_NE(r.err.find(c.path + ": " + c.message), std::string::npos) << r.err;
+  }
 }
 
 }  // namespace

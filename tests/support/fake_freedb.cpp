@@ -346,6 +346,15 @@ void FakeCddbpServer::ServeConnection(int fd) {
       }
       return;
     }
+    if (action->trickle.count() > 0) {
+      // A byte at a time, each pause short of the client's idle time-out.
+      for (char c : action->reply) {
+        if (stop_ || !send_all(std::string(1, c))) return;
+        std::this_thread::sleep_for(action->trickle);
+      }
+      if (action->close_after) return;
+      continue;
+    }
     if (!send_all(action->reply) || action->close_after) return;
   }
 }

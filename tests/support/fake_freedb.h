@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -102,6 +103,8 @@ class FakeCddbpServer {
     std::string reply;         ///< bytes to send
     bool close_after = false;  ///< close the connection after sending
     bool stall = false;        ///< send nothing and keep the connection open
+    /// When set, the reply goes out one byte at a time with this pause between.
+    std::chrono::milliseconds trickle{0};
   };
 
   explicit FakeCddbpServer(std::shared_ptr<FakeFreedbDatabase> database);

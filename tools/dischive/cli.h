@@ -76,4 +76,13 @@ int ExitCodeFor(HResult code);
 /// Throws CommandError with the code's text: "<what>: <text> (0xXXXXXXXX)".
 [[noreturn]] void Fail(HResult code, const std::string& what);
 
+/// The longest text file a user may hand a command (cue sheets, JSON inputs).
+inline constexpr size_t kMaxUserTextFile = size_t{1} << 20;
+
+/// Reads a small text file given on the command line. Refuses what is not a
+/// regular file (FIFOs and devices are never read, so "/dev/zero" or a FIFO
+/// without a writer cannot hang the command) and files beyond `limit` bytes.
+/// Throws CommandError naming the path.
+std::string ReadUserTextFile(const std::string& path, size_t limit = kMaxUserTextFile);
+
 }  // namespace dischive::cli

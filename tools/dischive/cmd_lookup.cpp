@@ -85,11 +85,8 @@ std::vector<DiscToc> CollectDiscs(const Options& options, const Context& context
     discs.push_back(*toc);
   }
   if (!options.cue_path.empty()) {
-    std::ifstream in(options.cue_path, std::ios::binary);
-    if (!in) throw CommandError(kExitFailure, "cannot read " + options.cue_path);
-    std::stringstream text;
-    text << in.rdbuf();
-    const auto toc = ParseCueSheet(text.str(), RequireLength(options, "--cue"), &error);
+    const std::string text = ReadUserTextFile(options.cue_path);
+    const auto toc = ParseCueSheet(text, RequireLength(options, "--cue"), &error);
     if (!toc) throw CommandError(kExitUsage, options.cue_path + ": " + error);
     discs.push_back(*toc);
   }

@@ -69,11 +69,7 @@ class JsonReader {
 };
 
 DiscSubmission SubmissionFromJson(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw CommandError(kExitFailure, path + ": cannot open: " + std::strerror(errno));
-  std::stringstream text;
-  text << in.rdbuf();
-  const Json json = Json::parse(text.str(), nullptr, false);
+  const Json json = Json::parse(ReadUserTextFile(path), nullptr, false);
   if (json.is_discarded() || !json.is_object()) {
     throw CommandError(kExitUsage, path + ": not a JSON object");
   }
