@@ -150,6 +150,9 @@ class CddbpSource : public FreedbSource {
   // Connect, hello and proto; 0 or the failure.
   HResult Open() {
     if (port_ <= 0 || port_ > 65535) return kInvalidArgument;
+    // The deadline runs from the start of the dialogue: connecting, the
+    // greeting and the first disc share it (later discs get their own).
+    connection_.channel().SetDeadline(std::chrono::steady_clock::now() + request_deadline_);
     // Receives give up after this long without data (30 s, as the platform's default).
     connection_.channel().SetReceiveTimeout(
         std::chrono::seconds(timeout_seconds_ > 0 ? timeout_seconds_ : 30));
