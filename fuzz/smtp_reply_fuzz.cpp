@@ -8,22 +8,10 @@
 #include <string_view>
 
 #include "cddb/command_channel.h"
+#include "cddb/submission_internal.h"
 #include "loopback_peer.h"
 
-namespace {
-
-std::optional<int> FinalLine(std::string_view line) {
-  if (line.size() >= 4 && line[3] == '-') return std::nullopt;
-  if (line.size() < 3) return 0;
-  int code = 0;
-  for (size_t i = 0; i < 3; ++i) {
-    if (line[i] < '0' || line[i] > '9') return 0;
-    code = code * 10 + (line[i] - '0');
-  }
-  return code;
-}
-
-}  // namespace
+namespace {}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size > 256 * 1024) return 0;
@@ -35,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     channel.Connect("127.0.0.1", peer.port());
     // Greeting, EHLO, MAIL, RCPT, DATA, the message, QUIT: at most seven.
     for (int step = 0; step < 7; ++step)
-      channel.ReadReply(FinalLine, {1000, 64 * 1024, 0x80004005});
+      channel.ReadReply(dischive::detail::SmtpFinalLine, {1000, 64 * 1024, 0x80004005});
   } catch (const dischive::detail::ProtocolError&) {
   }
   channel.Close();

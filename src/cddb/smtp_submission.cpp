@@ -13,12 +13,8 @@
 #include "dischive/random_id.h"
 
 namespace dischive {
-namespace {
 
-// A reply's last line has a blank (or nothing) after its three-digit code;
-// "250-" marks a continuation line (RFC 5321 section 4.2.1). A line that does
-// not start with three digits gives code 0, which no step accepts.
-std::optional<int> SmtpFinalLine(std::string_view line) {
+std::optional<int> detail::SmtpFinalLine(std::string_view line) {
   if (line.size() >= 4 && line[3] == '-') return std::nullopt;
   if (line.size() < 3) return 0;
   int code = 0;
@@ -28,6 +24,8 @@ std::optional<int> SmtpFinalLine(std::string_view line) {
   }
   return code;
 }
+
+namespace {
 
 // RFC 5321 allows 512 bytes a reply line; a generous bound on a whole reply.
 constexpr size_t kMaxReplyLine = 2048;
@@ -42,7 +40,8 @@ class SmtpDialogue {
   void Step(std::string_view line, int wanted_class, HResult step_code) {
     try {
       if (!line.empty()) channel_.Send(line);
-      const auto reply = channel_.ReadReply(SmtpFinalLine, {kMaxReplyLine, kMaxReply, step_code});
+      const auto reply =
+          channel_.ReadReply(detail::SmtpFinalLine, {kMaxReplyLine, kMaxReply, step_code});
       if (reply.code / 100 == wanted_class) return;
     } catch (const detail::ProtocolError& e) {
       if (e.code != step_code) {
@@ -55,7 +54,7 @@ class SmtpDialogue {
   void Quit() {
     try {
       channel_.Send("QUIT\r\n");
-      channel_.ReadReply(SmtpFinalLine, {kMaxReplyLine, kMaxReply, kOk});
+      channel_.ReadReply(detail::SmtpFinalLine, {kMaxReplyLine, kMaxReply, kOk});
     } catch (const detail::ProtocolError&) {
       // The message was taken; how the server says goodbye does not matter.
     }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -22,5 +23,10 @@ std::string WireEntry(const DiscSubmission& submission, std::string* subject);
 /// Puts one more "." before every line that begins with "." (SMTP's
 /// transparency rule): the receiver removes it again.
 std::string StuffDots(std::string_view text);
+
+/// The code of an SMTP reply's last line, or nullopt for a continuation line
+/// ("250-"; RFC 5321 section 4.2.1). A line that does not start with three
+/// digits gives 0, which no step accepts.
+std::optional<int> SmtpFinalLine(std::string_view line);
 
 }  // namespace dischive::detail

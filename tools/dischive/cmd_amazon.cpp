@@ -242,14 +242,7 @@ int RunCover(const Context& context) {
   request.max_body = size_t{32} << 20;
   request.deadline = AmazonRequestDeadline(*context.settings);
   context.Note("GET " + image);
-  ProgressBar bar("Downloading", 0, context.stderr_is_terminal && !context.json);
-  request.progress = [&bar](uint64_t received, uint64_t expected) {
-    bar.SetTotal(expected);
-    bar.Update(received);
-    return true;
-  };
-  const HResult result = PerformHttpRequest(request);
-  bar.Finish();
+  const HResult result = PerformWithProgress(request, context.stderr_is_terminal && !context.json);
   const std::string server = request.server + ":" + std::to_string(request.port);
   if (result != kOk) Fail(result, "GET " + image);
   if (request.status_code != 200 || request.response_body.empty()) {

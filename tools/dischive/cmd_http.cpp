@@ -327,14 +327,8 @@ void Setup(CLI::App& app, Context& context) {
           request.access_type == AccessType::kNamedProxy ? request.proxy : request.server);
       context.Note(log);
       log += "\r\n";
-      ProgressBar bar("Downloading", 0, context.stderr_is_terminal && !context.json);
-      request.progress = [&bar](uint64_t received, uint64_t expected) {
-        bar.SetTotal(expected);
-        bar.Update(received);
-        return true;
-      };
-      const HResult result = PerformHttpRequest(request);
-      bar.Finish();
+      const HResult result =
+          PerformWithProgress(request, context.stderr_is_terminal && !context.json);
       FormatHttpTranscript(log, request);
       if (context.verbosity >= 2 && !transcript) std::cerr << log << '\n';
 

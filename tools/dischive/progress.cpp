@@ -64,4 +64,17 @@ void ProgressBar::Finish() {
   }
 }
 
+HResult PerformWithProgress(HttpRequest& request, bool show) {
+  ProgressBar bar("Downloading", 0, show);
+  request.progress = [&bar](uint64_t received, uint64_t expected) {
+    bar.SetTotal(expected);
+    bar.Update(received);
+    return true;
+  };
+  const HResult result = PerformHttpRequest(request);
+  request.progress = {};
+  bar.Finish();
+  return result;
+}
+
 }  // namespace dischive::cli

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "dischive/http.h"
+
 namespace dischive::cli {
 
 class ProgressBar {
@@ -33,5 +35,9 @@ class ProgressBar {
   bool drawn_ = false;
   std::chrono::steady_clock::time_point last_draw_{};
 };
+
+/// Performs `request` with a "Downloading" bar on standard error when `show`
+/// is set (the bar follows the body as it arrives).
+HResult PerformWithProgress(HttpRequest& request, bool show);
 
 }  // namespace dischive::cli
