@@ -11,19 +11,19 @@ namespace {
 
 // Track starts 150, 550, 1050 and lead-out 1350 (18 s): freedb id 0e001003.
 constexpr uint32_t kKnownId = 0x0e001003;
-const ImageSpec kKnown{{{0, true, "CD-Text One", "", "USABC1234567"},
-                        {400, true, "", "", ""},
-                        {900, true, "", "", ""}},
-                       1200,
-                       "CD-Text Album",
-                       "CD-Text Artist",
-                       ""};
+const DiscLayout kKnown{{{0, true, "CD-Text One", "", "USABC1234567"},
+                         {400, true, "", "", ""},
+                         {900, true, "", "", ""}},
+                        1200,
+                        "CD-Text Album",
+                        "CD-Text Artist",
+                        ""};
 // Not in the freedb database; its CD-Text is all there is.
-const ImageSpec kUnknown{{{0, true, "First", "Toc Artist", ""}, {750, true, "Sec\xe4nd", "", ""}},
-                         3000,
-                         "Toc Album",
-                         "Toc Artist",
-                         ""};
+const DiscLayout kUnknown{{{0, true, "First", "Toc Artist", ""}, {750, true, "Sec\xe4nd", "", ""}},
+                          3000,
+                          "Toc Album",
+                          "Toc Artist",
+                          ""};
 
 class DriveCliTest : public ::testing::Test {
  protected:

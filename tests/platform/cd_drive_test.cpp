@@ -24,7 +24,7 @@ uint32_t CdDiscidFormula(const std::vector<uint32_t>& starts, uint32_t lead_out)
 struct ImageCase {
   const char* name;
   bool toc_file;  // a cdrdao .toc instead of a cue sheet
-  ImageSpec spec;
+  DiscLayout layout;
   std::vector<uint32_t> starts;  // expected, with the lead-in
   std::vector<bool> audio;
   uint32_t lead_out;
@@ -86,8 +86,8 @@ TEST(CdDriveTest, ImagesGiveTheirTocIdsAndCdText) {
   for (const ImageCase& c : cases) {
     SCOPED_TRACE(c.name);
     TempDir dir;
-    const auto path = c.toc_file ? WriteTocImage(dir.path(), "disc", c.spec)
-                                 : WriteCueImage(dir.path(), "disc", c.spec);
+    const auto path = c.toc_file ? WriteTocImage(dir.path(), "disc", c.layout)
+                                 : WriteCueImage(dir.path(), "disc", c.layout);
     const CdReadResult read = ReadCdDisc(path.string());
     ASSERT_EQ(read.error, CdError::kNone) << read.message;
     const CdDisc& disc = read.disc;
@@ -97,10 +97,10 @@ TEST(CdDriveTest, ImagesGiveTheirTocIdsAndCdText) {
       EXPECT_EQ(disc.tracks[i].number, i + 1);
       EXPECT_EQ(disc.tracks[i].start_frame, c.starts[i]) << "track " << i + 1;
       EXPECT_EQ(disc.tracks[i].audio, c.audio[i]) << "track " << i + 1;
-      EXPECT_EQ(disc.tracks[i].isrc, c.spec.tracks[i].isrc);
+      EXPECT_EQ(disc.tracks[i].isrc, c.layout.tracks[i].isrc);
     }
     EXPECT_EQ(disc.lead_out_frame, c.lead_out);
-    EXPECT_EQ(disc.mcn, c.spec.mcn);
+    EXPECT_EQ(disc.mcn, c.layout.mcn);
 
     std::string error;
     const auto toc = DiscTocFromCd(disc, &error);
@@ -117,15 +117,15 @@ TEST(CdDriveTest, ImagesGiveTheirTocIdsAndCdText) {
 TEST(CdDriveTest, CdTextIsUtf8AndBecomesMetadata) {
   TempDir dir;
   // CD-Text is ISO-8859-1 on the disc: the bytes written are Latin-1.
-  ImageSpec spec{{{0, true, "Caf\xe9", "Disc Artist", ""}, {600, true, "Na\xefve", "Guest", ""}},
-                 1200,
-                 "\xc5ngstr\xf6m",
-                 "Disc Artist",
-                 ""};
+  DiscLayout layout{{{0, true, "Caf\xe9", "Disc Artist", ""}, {600, true, "Na\xefve", "Guest", ""}},
+                    1200,
+                    "\xc5ngstr\xf6m",
+                    "Disc Artist",
+                    ""};
   for (const bool toc_file : {false, true}) {
     SCOPED_TRACE(toc_file ? "toc" : "cue");
-    const auto path = toc_file ? WriteTocImage(dir.path(), "text", spec)
-                               : WriteCueImage(dir.path(), "text", spec);
+    const auto path = toc_file ? WriteTocImage(dir.path(), "text", layout)
+                               : WriteCueImage(dir.path(), "text", layout);
     const CdReadResult read = ReadCdDisc(path.string());
     ASSERT_EQ(read.error, CdError::kNone) << read.message;
     EXPECT_TRUE(read.disc.has_cd_text);

@@ -22,23 +22,23 @@ void WriteSilence(const std::filesystem::path& bin, uint32_t frames) {
 
 }  // namespace
 
-ImageSpec PlainImage(const std::vector<uint32_t>& starts, uint32_t frames) {
-  ImageSpec spec;
+DiscLayout PlainImage(const std::vector<uint32_t>& starts, uint32_t frames) {
+  DiscLayout layout;
   for (const uint32_t start : starts)
-    spec.tracks.push_back({start, true, "", "", ""});
-  spec.frames = frames;
-  return spec;
+    layout.tracks.push_back({start, true, "", "", ""});
+  layout.frames = frames;
+  return layout;
 }
 
 std::filesystem::path WriteCueImage(const std::filesystem::path& folder, const std::string& name,
-                                    const ImageSpec& spec) {
+                                    const DiscLayout& layout) {
   std::string cue;
-  if (!spec.mcn.empty()) cue += "CATALOG " + spec.mcn + "\n";
-  if (!spec.performer.empty()) cue += "PERFORMER \"" + spec.performer + "\"\n";
-  if (!spec.title.empty()) cue += "TITLE \"" + spec.title + "\"\n";
+  if (!layout.mcn.empty()) cue += "CATALOG " + layout.mcn + "\n";
+  if (!layout.performer.empty()) cue += "PERFORMER \"" + layout.performer + "\"\n";
+  if (!layout.title.empty()) cue += "TITLE \"" + layout.title + "\"\n";
   cue += "FILE \"" + name + ".bin\" BINARY\n";
-  for (size_t i = 0; i < spec.tracks.size(); ++i) {
-    const ImageTrack& t = spec.tracks[i];
+  for (size_t i = 0; i < layout.tracks.size(); ++i) {
+    const ImageTrack& t = layout.tracks[i];
     cue += fmt::format("  TRACK {:02} {}\n", i + 1, t.audio ? "AUDIO" : "MODE1/2352");
     if (!t.title.empty()) cue += "    TITLE \"" + t.title + "\"\n";
     if (!t.performer.empty()) cue += "    PERFORMER \"" + t.performer + "\"\n";
@@ -46,25 +46,26 @@ std::filesystem::path WriteCueImage(const std::filesystem::path& folder, const s
     cue += "    INDEX 01 " + Msf(t.start) + "\n";
   }
   WriteFile(folder / (name + ".cue"), cue);
-  WriteSilence(folder / (name + ".bin"), spec.frames);
+  WriteSilence(folder / (name + ".bin"), layout.frames);
   return folder / (name + ".cue");
 }
 
 std::filesystem::path WriteTocImage(const std::filesystem::path& folder, const std::string& name,
-                                    const ImageSpec& spec) {
+                                    const DiscLayout& layout) {
   auto language = [](const std::string& title, const std::string& performer) {
     return "  LANGUAGE 0 {\n    TITLE \"" + title + "\"\n    PERFORMER \"" + performer +
            "\"\n  }\n";
   };
   std::string toc = "CD_DA\n";
-  if (!spec.mcn.empty()) toc += "CATALOG \"" + spec.mcn + "\"\n";
-  if (!spec.title.empty() || !spec.performer.empty()) {
+  if (!layout.mcn.empty()) toc += "CATALOG \"" + layout.mcn + "\"\n";
+  if (!layout.title.empty() || !layout.performer.empty()) {
     // libcdio reads the language map only when it stands on one line.
-    toc += "CD_TEXT {\n  LANGUAGE_MAP { 0 : EN }\n" + language(spec.title, spec.performer) + "}\n";
+    toc +=
+        "CD_TEXT {\n  LANGUAGE_MAP { 0 : EN }\n" + language(layout.title, layout.performer) + "}\n";
   }
-  for (size_t i = 0; i < spec.tracks.size(); ++i) {
-    const ImageTrack& t = spec.tracks[i];
-    const uint32_t end = i + 1 < spec.tracks.size() ? spec.tracks[i + 1].start : spec.frames;
+  for (size_t i = 0; i < layout.tracks.size(); ++i) {
+    const ImageTrack& t = layout.tracks[i];
+    const uint32_t end = i + 1 < layout.tracks.size() ? layout.tracks[i + 1].start : layout.frames;
     toc += t.audio ? "\nTRACK AUDIO\n" : "\nTRACK MODE1_RAW\n";
     if (!t.isrc.empty()) toc += "ISRC \"" + t.isrc + "\"\n";
     if (!t.title.empty() || !t.performer.empty())
@@ -75,7 +76,7 @@ std::filesystem::path WriteTocImage(const std::filesystem::path& folder, const s
                        Msf(end - t.start));
   }
   WriteFile(folder / (name + ".toc"), toc);
-  WriteSilence(folder / (name + ".bin"), spec.frames);
+  WriteSilence(folder / (name + ".bin"), layout.frames);
   return folder / (name + ".toc");
 }
 

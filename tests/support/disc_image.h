@@ -17,20 +17,20 @@ struct ImageTrack {
 };
 
 /// A disc: its tracks, length and disc-level data.
-struct ImageSpec {
+struct DiscLayout {
   std::vector<ImageTrack> tracks;
   uint32_t frames = 0;  ///< length of the .bin in frames (2352 bytes each)
   std::string title, performer, mcn;
 };
 
 /// Audio tracks starting at these frames of a .bin of `frames`, no texts.
-ImageSpec PlainImage(const std::vector<uint32_t>& starts, uint32_t frames);
+DiscLayout PlainImage(const std::vector<uint32_t>& starts, uint32_t frames);
 
 /// Writes NAME.cue and NAME.bin into `folder`; returns the .cue path.
 std::filesystem::path WriteCueImage(const std::filesystem::path& folder, const std::string& name,
-                                    const ImageSpec& spec);
+                                    const DiscLayout& layout);
 /// Writes NAME.toc (CD_TEXT blocks for the texts) and NAME.bin; returns the .toc path.
 std::filesystem::path WriteTocImage(const std::filesystem::path& folder, const std::string& name,
-                                    const ImageSpec& spec);
+                                    const DiscLayout& layout);
 
 }  // namespace dischive::test
