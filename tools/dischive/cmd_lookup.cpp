@@ -30,6 +30,16 @@
 namespace dischive::cli {
 namespace {
 
+// Stores a disc that was found (--save); on failure its note says why.
+HResult SaveFoundDisc(CatalogEngine& catalog, const DiscToc& toc, const DiscMetadata& metadata,
+                      std::string& album_id, std::string& note) {
+  const HResult saved = SaveDiscToCatalog(catalog, toc, metadata, &album_id);
+  if (saved != kOk) {
+    note = fmt::format("not saved: {} (0x{:08X})", FormatErrorMessage(saved), saved);
+  }
+  return saved;
+}
+
 constexpr uint32_t kProgressMessage = 0x8001;
 constexpr uint32_t kChoiceMessage = 0x8002;
 
@@ -275,11 +285,8 @@ int RunLookup(const Options& options, Context& context) {
   for (size_t i = 0; i < discs.size(); ++i) {
     if (discs[i].result == kOk && catalog) {
       const HResult saved =
-          SaveDiscToCatalog(*catalog, discs[i].toc, discs[i].metadata, &album_ids[i]);
-      if (saved != kOk) {
-        notes[i] = fmt::format("not saved: {} (0x{:08X})", FormatErrorMessage(saved), saved);
-        if (first_failure == kOk) first_failure = saved;
-      }
+          SaveFoundDisc(*catalog, discs[i].toc, discs[i].metadata, album_ids[i], notes[i]);
+      if (saved != kOk && first_failure == kOk) first_failure = saved;
     }
     if (discs[i].result != kOk && first_failure == kOk) {
       first_failure = discs[i].result;
@@ -455,11 +462,8 @@ int RunBatch(const Options& options, Context& context) {
   for (size_t i = 0; i < discs.size(); ++i) {
     if (discs[i].result == kOk && catalog) {
       const HResult saved =
-          SaveDiscToCatalog(*catalog, discs[i].toc, discs[i].metadata, &album_ids[i]);
-      if (saved != kOk) {
-        notes[i] = fmt::format("not saved: {} (0x{:08X})", FormatErrorMessage(saved), saved);
-        if (first_failure == kOk) first_failure = saved;
-      }
+          SaveFoundDisc(*catalog, discs[i].toc, discs[i].metadata, album_ids[i], notes[i]);
+      if (saved != kOk && first_failure == kOk) first_failure = saved;
     }
     if (discs[i].result != kOk && first_failure == kOk) first_failure = discs[i].result;
   }
